@@ -1,0 +1,2 @@
+// Nothing to run: that this program links is the check.
+int main() { return 0; }
