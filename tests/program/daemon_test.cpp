@@ -1,23 +1,21 @@
 // The failover daemon as a whole: the built binary started in the test root, with the sleep
 // shim speeding its one-second ticks up a hundredfold and a stand-in LTE connection manager.
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <algorithm>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "platform/nvram.h"
+#include "tests/program/daemon_process.h"
 #include "tests/support/lte_manager.h"
 #include "tests/support/testroot.h"
 
 namespace {
 
-constexpr const char *kConsole = "/tmp/failover.console";
 constexpr const char *kPingOk = "4 packets transmitted, 4 packets received, 0% packet loss\n";
 constexpr const char *kPingLost = "4 packets transmitted, 0 packets received, 100% packet loss\n";
 constexpr const char *kConnect =
@@ -27,39 +25,7 @@ constexpr const char *kDisconnect =
 
 std::string get(const char *key) { return veskNvramConfig_get(key); }
 
-bool contains(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
-
-// Starts the daemon with its console in kConsole; kills both of its processes at the end.
-class Daemon {
-public:
-    Daemon() {
-        pid_t pid = fork();
-        if (pid == 0) {
-            int fd = open(kConsole, O_WRONLY | O_CREAT | O_APPEND, 0644);
-            dup2(fd, 1);
-            dup2(fd, 2);
-            setenv("SLEEP_SHIM_DIVISOR", "100", 1);
-            execl(FAILOVER_BINARY, "failover", static_cast<char *>(nullptr));
-            _exit(127);
-        }
-        int status = 0;
-        waitpid(pid, &status, 0);  // daemon() lets the starting process exit at once
-        testroot::wait_for([this] {
-            controller_ = std::atoi(testroot::read_file("/var/run/failover.pid").c_str());
-            return controller_ > 0;
-        });
-    }
-    ~Daemon() {
-        // daemon() made the controller a session leader; the monitor is in its group.
-        if (controller_ > 0) kill(-controller_, SIGKILL);
-    }
-    pid_t controller() const { return controller_; }
-
-private:
-    pid_t controller_ = 0;
-};
+using Daemon = testroot::DaemonProcess;
 
 class DaemonTest : public ::testing::Test {
 protected:
@@ -71,8 +37,8 @@ protected:
         veskNvramConfig_set("wwan_failover_ping_ip", "198.51.100.7");
         testroot::script("ping", kPingOk);
     }
-    static std::string console() { return testroot::read_file(kConsole); }
-    static bool console_has(const std::string &line) { return contains(console(), line); }
+    static std::string console() { return Daemon::console(); }
+    static bool console_has(const std::string &line) { return Daemon::console_has(line); }
 };
 
 TEST_F(DaemonTest, StartUp_WritesPidFileKeysAndFifo) {
@@ -147,6 +113,51 @@ TEST_F(DaemonTest, FailoverInactive_NoTokenEverWritten) {
     close(fd);
     EXPECT_FALSE(console_has("Ether port link"));
     EXPECT_EQ(get("current_ifname"), "eth0");
+}
+
+// The whole cycle on a DHCP Ethernet WAN: the cable goes, LTE takes over, the cable returns,
+// the probe over Ethernet answers and the daemon switches back.
+TEST_F(DaemonTest, CablePulledAndReturned_DhcpWanSwitchesToLteAndBack) {
+    veskNvramConfig_set("wan_ifname", "eth0");
+    testroot::script("ps", "  123 root      1500 S    udhcpc -i eth0 -p /var/run/udhcpc0.pid "
+                           "-s /tmp/udhcpc\n");
+    testroot::script("route", "198.51.100.7    0.0.0.0         255.255.255.255 UH    0      0 "
+                              "       0 eth0\n");
+    // The manager brings LTE up at once, so only the probe over Ethernet can switch back.
+    testroot::LteManager manager(testroot::LteManager::kOkReply, [](const std::string &request) {
+        if (request.find("\"manual_mode\":1") != std::string::npos)
+            veskNvramConfig_set("wwan_runtime_state", "Connected");
+    });
+    testroot::write_file("/proc/wan_status", "Link Down\n");
+    Daemon daemon;
+
+    ASSERT_TRUE(testroot::wait_for([&] { return manager.requests().size() >= 2; })) << console();
+    EXPECT_EQ(get("current_ifname"), "rm_usb0");
+    auto commands = testroot::shell_commands();
+    auto at = [&](const std::string &cmd) {
+        return std::find(commands.begin(), commands.end(), cmd) - commands.begin();
+    };
+    // The Ethernet client is ended by the kill sequence, then every udhcpc.
+    EXPECT_LT(at("kill -SIGUSR2 123"), at("kill -9 123"));
+    EXPECT_LT(at("kill -9 123"), at("rm -f /var/run/udhcpc0.pid"));
+    EXPECT_LT(at("rm -f /var/run/udhcpc0.pid"), at("killall udhcpc"));
+    EXPECT_LT(at("killall udhcpc"), static_cast<long>(commands.size()));
+
+    testroot::clear_logs();
+    testroot::write_file("/proc/wan_status", "Link Up\n");
+    ASSERT_TRUE(testroot::wait_for([] { return get("current_ifname") == "eth0"; })) << console();
+    EXPECT_TRUE(console_has(
+        "********** Ethernet WAN Internet is up && current WAN is LTE WAN **********\n"));
+    EXPECT_EQ(get("lte_start"), "0");
+    // udhcpc ran for the probe and again for the real start.
+    const std::vector<std::string> udhcpc = {"udhcpc", "-i", "eth0", "-p",
+                                             "/var/run/udhcpc0.pid", "-s", "/tmp/udhcpc"};
+    ASSERT_TRUE(testroot::wait_for([&] { return testroot::calls_of("udhcpc").size() >= 2; }));
+    for (const auto &call : testroot::calls_of("udhcpc")) EXPECT_EQ(call, udhcpc);
+    commands = testroot::shell_commands();
+    EXPECT_LT(at("ip route add 198.51.100.7 via 0.0.0.0 src 0.0.0.0"),
+              at("ping -c 4 198.51.100.7"));
+    EXPECT_LT(at("ping -c 4 198.51.100.7"), at("ip route delete 198.51.100.7 via 0.0.0.0"));
 }
 
 }  // namespace

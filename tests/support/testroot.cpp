@@ -1,8 +1,11 @@
 #include "testroot.h"
 
+#include <sys/stat.h>
+
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstring>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -49,16 +52,44 @@ void require_inside(const char *routine)
     }
 }
 
+// Removes `path` but never crosses into another file system: the launcher bind-mounts the
+// source and build trees at their own paths, which may lie under /tmp. Returns false when
+// something could not be removed for another reason than holding such a mount.
+bool remove_on_device(const fs::path &path, dev_t device, bool &holds_mount)
+{
+    struct stat st {};
+    if (lstat(path.c_str(), &st) != 0)
+        return true;
+    if (st.st_dev != device) {
+        holds_mount = true;
+        return true;
+    }
+    bool ok = true;
+    bool inner_mount = false;
+    if (S_ISDIR(st.st_mode)) {
+        std::error_code ec;
+        for (fs::directory_iterator it(path, ec), end; !ec && it != end; it.increment(ec))
+            ok = remove_on_device(it->path(), device, inner_mount) && ok;
+    }
+    if (inner_mount) {
+        holds_mount = true;
+        return ok;
+    }
+    return ::remove(path.c_str()) == 0 && ok;
+}
+
 void empty_directory(const fs::path &dir)
 {
     std::error_code ec;
     fs::create_directories(dir, ec);
+    struct stat st {};
+    if (stat(dir.c_str(), &st) != 0)
+        return;
     for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
-        std::error_code remove_ec;
-        fs::remove_all(it->path(), remove_ec);
-        if (remove_ec)
+        bool holds_mount = false;
+        if (!remove_on_device(it->path(), st.st_dev, holds_mount))
             ADD_FAILURE() << "testroot::reset: cannot remove " << it->path() << ": "
-                          << remove_ec.message();
+                          << std::strerror(errno);
     }
 }
 

@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/auxv.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -39,37 +38,9 @@ void write_file(const fs::path &path, const std::string &content) {
     std::ofstream(path, std::ios::binary) << content;
 }
 
-// A built tool: its path from the build when given, else beside the test binary or in a
-// directory above it (the build tree's root). /proc may not be mounted, so the kernel's record
-// of the executed path is used.
-std::string find_tool(const char *name) {
-    fs::path self = reinterpret_cast<const char *>(getauxval(AT_EXECFN));
-    std::error_code ec;
-    for (fs::path dir = fs::absolute(self, ec).parent_path(); !dir.empty(); dir = dir.parent_path()) {
-        fs::path candidate = dir / name;
-        if (fs::is_regular_file(candidate, ec) && access(candidate.c_str(), X_OK) == 0)
-            return candidate;
-        if (dir == dir.root_path()) break;
-    }
-    ADD_FAILURE() << name << " not found beside " << self;
-    return name;
-}
-
-std::string nvram_tool() {
-#ifdef NVRAM_BINARY
-    return NVRAM_BINARY;
-#else
-    return find_tool("nvram");
-#endif
-}
-
-std::string failover_run_tool() {
-#ifdef FAILOVER_RUN_BINARY
-    return FAILOVER_RUN_BINARY;
-#else
-    return find_tool("failover-run");
-#endif
-}
+// The built tools, by the paths the build gives.
+std::string nvram_tool() { return NVRAM_BINARY; }
+std::string failover_run_tool() { return FAILOVER_RUN_BINARY; }
 
 struct ToolRun {
     int status;  // exit status, or -1 when it did not exit normally
