@@ -1,0 +1,140 @@
+// What the PPPoE, PPTP and L2TP session starts share: fixed-size reads of the store, pppd string
+// quoting, the secrets files, the pty nodes, the options lines common to all three, the DHCP
+// client on the physical interface, and the DNS handling of a tunnel with a static address.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdio>
+
+#include "platform/nvram.h"
+#include "platform/vesk_shared.h"
+
+// Copies `len` bytes of `src` to `dst` (stopping early at a NUL), with a backslash before each
+// character the shell treats specially. `dst` must hold 2 * len + 1 bytes and is terminated.
+// Returns `dst`, or null (writing nothing) when `src` or `dst` is null.
+char *escape_shell_string(const char *src, char *dst, size_t len);
+
+namespace ppp {
+
+// A value read from the store into a buffer of the router's size: at most N - 1 characters,
+// the last byte always NUL.
+template <size_t N>
+std::array<char, N> read_value(const char *key) {
+    std::array<char, N> buf{};
+    veskNvramConfig_read(key, buf.data(), N);
+    buf[N - 1] = '\0';
+    return buf;
+}
+
+// Copies `src` into `dst` with a backslash before '$', '`', '"' and '\', for pppd's
+// double-quoted strings. `dst` holds 2 * strlen(src) + 1 bytes at least.
+void quote_into(const char *src, char *dst);
+
+// The quoted copy of a value of at most N - 1 characters; the buffer fits the worst case.
+template <size_t Q, size_t N>
+std::array<char, Q> quoted(const std::array<char, N> &src) {
+    static_assert(Q >= 2 * (N - 1) + 1, "quoted buffer too small for every character escaped");
+    std::array<char, Q> dst{};
+    quote_into(src.data(), dst.data());
+    return dst;
+}
+
+// The decimal value of a store text as the C library's atoi reads it on the router: leading
+// blanks and a sign, digits up to the first other character, 0 without digits; values beyond
+// int saturate instead of being undefined.
+int decimal_value(const char *text);
+
+// An idle time in minutes as pppd's seconds, wrapping as the router's int arithmetic does.
+int minutes_to_seconds(int minutes);
+
+// The text of `value` as the store keeps numbers.
+void set_number(const char *key, int value);
+
+// The router's region tests.
+bool japan_region();
+bool match(const char *key, const char *value);
+
+// Writes one secrets line ("\"user\" * \"password\" *") to `path` opened with `mode`, then
+// gives the file mode 0666. False, after perror with `error_label`, when it cannot be opened.
+bool write_secrets(const char *path, const char *mode, const char *error_label, const char *user,
+                   const char *password);
+
+// A pty device node and the message printed when it cannot be made.
+struct PtyNode {
+    const char *path;
+    unsigned int major;
+    unsigned int minor;
+    const char *error_label;
+};
+inline constexpr PtyNode kPtys0{"/dev/ptys0", 2, 48, "Unable to create /dev/ptys0"};
+inline constexpr PtyNode kPtys1{"/dev/ptys1", 2, 49, "Unable to create /dev/ptys1"};
+inline constexpr PtyNode kPtys2{"/dev/ptys2", 2, 50, "Unable to create /dev/ptys2"};
+inline constexpr PtyNode kTtys0{"/dev/ttys0", 3, 48, "Unable to create /dev/ttys0"};
+inline constexpr PtyNode kTtys1{"/dev/ttys1", 3, 49, "Unable to create /dev/ttys1"};
+inline constexpr PtyNode kTtys2{"/dev/ttys2", 3, 50, "Unable to create /dev/ttys2"};
+
+// Creates the character device (mode 0600); a failure is printed and otherwise ignored (an
+// existing node fails harmlessly).
+void make_pty_node(const PtyNode &node);
+
+// "ipcp-accept-local" when `local_ip` is "0.0.0.0" or the selector says to take the peer's
+// offer (`ip_sel_key` null: no selector), else "<local_ip>:" to request that address.
+void write_local_address_line(std::FILE *f, const char *local_ip, const char *ip_sel_key);
+
+// The compression, locking and peer-DNS lines every session carries, in their order.
+void write_link_lines(std::FILE *f);
+
+// The DHCP client on the physical interface: "udhcpc -i IFNAME -p /var/run/udhcpc<unit>.pid
+// -s /tmp/udhcpc [-H <wan_hostname>]", started by fork and execv of /usr/sbin/udhcpc.
+enum class DhcpStart {
+    parent,       // this process goes on; the client runs (or fails) in the child
+    fork_failed,  // reported; no child
+    exec_failed,  // this process is the child whose execv failed
+};
+DhcpStart start_udhcpc(const char *ifname, int unit);
+
+// The physical interface under a PPTP or L2TP session: a static address with the user's DNS
+// servers, or a DHCP lease waited for without limit.
+inline constexpr int kDnsRouteEntries = 50;
+using DnsRouteTable = char[kDnsRouteEntries][VESK_TOKEN_SIZE];
+
+struct TunnelCarrier {
+    const char *ifname;             // interface addressed (ifconfig, udhcpc -i)
+    const char *second_wan_ifname;  // handed to second_wan_up
+    int unit;                       // udhcpc pid-file number
+    const char *user_ip;            // static address
+    const char *netmask_key;        // static mask, "255.0.0.0" when empty
+    size_t netmask_route_size;      // buffer the mask is read into for the subnet test
+    const char *gateway;            // gateway of the DNS host routes
+    const char *dhcp_dns_key;       // receives the copy of "wan_dns1"
+    size_t dns_text_size;           // buffer of that copy, of each address and resolver line
+    const char *dhcp_enabled_key;   // "1" once the DHCP client has its lease
+    DnsRouteTable *routes;          // the process-wide host routes of this protocol
+};
+
+// Static: prints "Static IP by user defined.", addresses the interface, merges the DNS servers
+// into /tmp/resolv.conf and routes them, then second_wan_up. DHCP: prints "Dynamic IP by DHCP
+// client.", starts udhcpc and polls `dhcp_enabled_key` each second until it is "1". True when
+// pppd is to be launched next; false when this process is to end the session start (a file or
+// fork failure, or the DHCP child whose execv failed).
+bool address_carrier(const TunnelCarrier &carrier, bool is_static);
+
+// Adds a "nameserver ADDRESS" line to /tmp/resolv.conf for every address of the blank-separated
+// `servers` that has none yet. Addresses and lines are read in pieces of `line_size` - 1
+// characters. False, after perror, when the file cannot be opened.
+bool merge_resolv_nameservers(const char *servers, size_t line_size);
+
+// Deletes the host routes of `table` through `gateway`, then refills it from the DNS list
+// "wan_dns1" and adds a host route through `gateway` for each server outside the subnet of
+// `local_ip`/`netmask`. Nothing is routed without a gateway.
+void refresh_dns_routes(DnsRouteTable &table, const char *gateway, const char *local_ip,
+                        const char *netmask);
+
+// The launch: only when `dod_key` is "0" (always on) or "1" (dial on demand), pppd is run on
+// /tmp/ppp/options; a start failure prints "Failed to execute <failed_name>. (N)", otherwise
+// wan_up("ppp0") runs when `nat_key` is "1" and "pppd executed successfully. (N)" is printed.
+// True when the launch was attempted (manual mode: false, nothing printed).
+bool launch_pppd(const char *dod_key, const char *nat_key, const char *failed_name);
+
+}  // namespace ppp
