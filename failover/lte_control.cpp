@@ -2,6 +2,7 @@
 #include "failover/lte_control.h"
 
 #include "platform/nvram.h"
+#include "shared/unique_fd.h"
 
 #include <cjson/cJSON.h>
 #include <sys/socket.h>
@@ -17,22 +18,6 @@
 namespace {
 
 constexpr const char *kSocketPath = "/tmp/cgi-2-sys";
-
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() { close(); }
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-    int get() const { return fd_; }
-    void close() {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = -1;
-    }
-
-private:
-    int fd_;
-};
 
 struct JsonDeleter {
     void operator()(cJSON *json) const { cJSON_Delete(json); }
@@ -54,7 +39,7 @@ int f_read_write(const char *request, char *reply, std::size_t size) {
         std::printf("f_read_write: no request or no reply buffer\n");
         return -1;
     }
-    Descriptor sock(socket(AF_UNIX, SOCK_STREAM, 0));
+    UniqueFd sock(socket(AF_UNIX, SOCK_STREAM, 0));
     // The manager needs a moment between requests; every exchange pays it.
     usleep(500000);
     if (sock.get() < 0) {

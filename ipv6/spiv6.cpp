@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "shared/unique_fd.h"
+
 namespace {
 
 constexpr const char *kDevice = "/dev/spiv6";
@@ -25,21 +27,6 @@ constexpr std::size_t kLengthOffset = 4;
 constexpr std::size_t kNameOffset = 132;
 static_assert(sizeof(Spiv6Record) == 136, "the module reads a 136-byte record");
 
-// The device descriptor, closed on every path.
-class Device {
-public:
-    Device() : fd_(::open(kDevice, O_RDWR)) {}
-    ~Device() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    Device(const Device &) = delete;
-    Device &operator=(const Device &) = delete;
-    bool is_open() const { return fd_ >= 0; }
-    int fd() const { return fd_; }
-
-private:
-    int fd_;
-};
 
 void put_le32(Spiv6Record &record, std::size_t offset, std::uint32_t value) {
     for (std::size_t i = 0; i < 4; ++i)
@@ -50,12 +37,12 @@ void put_le32(Spiv6Record &record, std::size_t offset, std::uint32_t value) {
 // address). False when the device could not be opened.
 template <typename Arg>
 bool send_request(const char *operation, unsigned long request, Arg arg) {
-    Device device;
+    UniqueFd device(::open(kDevice, O_RDWR));
     if (!device.is_open()) {
         std::printf("Can't open device file: %s\n", kDevice);
         return false;
     }
-    int rc = ::ioctl(device.fd(), request, arg);
+    int rc = ::ioctl(device.get(), request, arg);
     if (rc < 0) std::printf("[%s]:ioctl_set_msg failed:%d\n", operation, rc);
     return true;
 }

@@ -11,24 +11,10 @@
 #include <cstdio>
 #include <cstring>
 
+#include "shared/unique_fd.h"
+
 namespace {
 
-// The request socket, closed on every path out of ifconfig.
-class Socket {
-public:
-    explicit Socket(int fd) : fd_(fd) {}
-    ~Socket() { close(); }
-    Socket(const Socket &) = delete;
-    Socket &operator=(const Socket &) = delete;
-    int fd() const { return fd_; }
-    void close() {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = -1;
-    }
-
-private:
-    int fd_;
-};
 
 // Stores `address` (network order) as the request's AF_INET socket address, port 0.
 void put_address(ifreq &ifr, in_addr_t address) {
@@ -48,7 +34,7 @@ bool parse_quad(const char *text, in_addr_t &out) {
 }
 
 // Reports and returns the error: one perror line naming the interface, socket already closed.
-int fail(Socket &sock, const char *name) {
+int fail(UniqueFd &sock, const char *name) {
     int err = errno;
     sock.close();
     errno = err;
@@ -60,8 +46,8 @@ int fail(Socket &sock, const char *name) {
 
 int ifconfig(const char *name, int flags, const char *address, const char *netmask) {
     if (!name) name = "";
-    Socket sock(socket(AF_INET, SOCK_RAW, IPPROTO_RAW));
-    if (sock.fd() < 0) return fail(sock, name);
+    UniqueFd sock(socket(AF_INET, SOCK_RAW, IPPROTO_RAW));
+    if (sock.get() < 0) return fail(sock, name);
 
     ifreq ifr{};
     // The kernel's name field holds 16 bytes; a longer name is cut there, with no terminator
@@ -71,7 +57,7 @@ int ifconfig(const char *name, int flags, const char *address, const char *netma
     std::strncpy(ifr.ifr_name, name, IFNAMSIZ);
 #pragma GCC diagnostic pop
     ifr.ifr_flags = static_cast<short>(flags);
-    if (ioctl(sock.fd(), SIOCSIFFLAGS, &ifr) < 0) return fail(sock, name);
+    if (ioctl(sock.get(), SIOCSIFFLAGS, &ifr) < 0) return fail(sock, name);
 
     if (!address) return 0;
 
@@ -84,15 +70,15 @@ int ifconfig(const char *name, int flags, const char *address, const char *netma
     }
 
     put_address(ifr, addr);
-    if (ioctl(sock.fd(), SIOCSIFADDR, &ifr) < 0) return fail(sock, name);
+    if (ioctl(sock.get(), SIOCSIFADDR, &ifr) < 0) return fail(sock, name);
 
     if (!netmask) return 0;
     put_address(ifr, mask);
-    if (ioctl(sock.fd(), SIOCSIFNETMASK, &ifr) < 0) return fail(sock, name);
+    if (ioctl(sock.get(), SIOCSIFNETMASK, &ifr) < 0) return fail(sock, name);
 
     // Always derived from address and netmask, never taken from the caller.
     put_address(ifr, (addr & mask) | ~mask);
-    if (ioctl(sock.fd(), SIOCSIFBRDADDR, &ifr) < 0) return fail(sock, name);
+    if (ioctl(sock.get(), SIOCSIFBRDADDR, &ifr) < 0) return fail(sock, name);
     return 0;
 }
 
