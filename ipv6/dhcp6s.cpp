@@ -3,7 +3,7 @@
 // prefix, or answers information requests only.
 #include "ipv6/dhcp6s.h"
 
-#include "ipv6/c_numbers.h"
+#include "shared/c_numbers.h"
 #include "ipv6/radvd.h"
 #include "platform/nvram.h"
 #include "platform/vesk_shared.h"

@@ -3,7 +3,7 @@
 // they are; radvd itself judges them.
 #include "ipv6/radvd.h"
 
-#include "ipv6/c_numbers.h"
+#include "shared/c_numbers.h"
 #include "ipv6/ipv6_wan.h"
 #include "platform/nvram.h"
 #include "platform/vesk_shared.h"
