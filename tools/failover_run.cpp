@@ -14,10 +14,21 @@
 #include "failover/ether_wan.h"
 #include "failover/lte_control.h"
 #include "failover/probes.h"
+#include "ipv6/dhcp6s.h"
+#include "ipv6/ipv6_wan.h"
+#include "ipv6/radvd.h"
+#include "ipv6/spiv6.h"
+#include "ipv6/tunnels.h"
 #include "platform/nvram.h"
 #include "services/dns.h"
+#include "services/openvpn.h"
+#include "services/rip.h"
+#include "services/timesync.h"
+#include "services/wan_up.h"
 #include "shared/ifconfig.h"
 #include "shared/system_util.h"
+#include "wan/ppp_common.h"
+#include "wan/ppp_sessions.h"
 
 #include <algorithm>
 #include <cctype>
@@ -154,6 +165,16 @@ const Routine routines[] = {
      [](Call &c) { write_ppp_resolv(static_cast<int>(c.integer(0))); }},
     {"remove_wan_dns", "ifname", [](Call &c) { c.result(remove_wan_dns(c.text(0))); }},
     {"dns_routed_via_wan", "address", [](Call &c) { c.result(dns_routed_via_wan(c.text(0))); }},
+    {"start_openvpn", "", [](Call &c) { c.result(start_openvpn()); }},
+    {"stop_openvpn", "", [](Call &c) { c.result(stop_openvpn()); }},
+    {"get_tun_device_name", "", [](Call &c) { get_tun_device_name(c.buffer(kTunNameSize)); }},
+    {"restart_timesync", "", [](Call &c) { c.result(restart_timesync()); }},
+    {"start_rip", "", [](Call &c) { c.result(start_rip()); }},
+    {"stop_rip", "", [](Call &c) { c.result(stop_rip()); }},
+    {"write_rip_conf", "ifname #is_lan",
+     [](Call &c) { c.result(write_rip_conf(c.text(0), static_cast<int>(c.integer(1)))); }},
+    {"netmask_to_prefix_length", "netmask",
+     [](Call &c) { c.result(netmask_to_prefix_length(c.text(0))); }},
     {"ifconfig", "name #flags address netmask",
      [](Call &c) {
          c.result(ifconfig(c.text(0), static_cast<int>(c.integer(1)), c.text(2), c.text(3)));
@@ -165,6 +186,17 @@ const Routine routines[] = {
     {"PPPoE_connection_probe", "", [](Call &c) { c.result(PPPoE_connection_probe()); }},
     {"stop_ether_wan", "", [](Call &) { stop_ether_wan(); }},
     {"stop_lte_dhcp_client", "", [](Call &) { stop_lte_dhcp_client(); }},
+    {"start_pppoe_session", "ifname #unit",
+     [](Call &c) { start_pppoe_session(c.text(0), static_cast<int>(c.integer(1))); }},
+    {"start_pptp_session", "ifname #unit",
+     [](Call &c) { start_pptp_session(c.text(0), static_cast<int>(c.integer(1))); }},
+    {"start_l2tp_session", "ifname #unit",
+     [](Call &c) { start_l2tp_session(c.text(0), static_cast<int>(c.integer(1))); }},
+    {"escape_shell_string", "src #len",
+     [](Call &c) {
+         auto len = static_cast<size_t>(c.integer(1, 0, 1 << 20));
+         c.result(escape_shell_string(c.text(0), c.buffer(2 * len + 1), len));
+     }},
     {"get_wan_link_status", "", [](Call &c) { c.result(get_wan_link_status()); }},
     {"reset_probe_address", "",
      [](Call &c) {
@@ -203,6 +235,45 @@ const Routine routines[] = {
      [](Call &c) { c.result(connect_disconnect(static_cast<int>(c.integer(0)))); }},
     {"lte_connect", "", [](Call &) { lte_connect(); }},
     {"lte_disconnect", "", [](Call &) { lte_disconnect(); }},
+    {"wan_up", "ifname", [](Call &c) { wan_up(c.text(0)); }},
+    {"start_wan_nat", "#is_ether",
+     [](Call &c) { c.result(start_wan_nat(static_cast<int>(c.integer(0)))); }},
+    {"mp_start_nat", "ifname", [](Call &c) { c.result(mp_start_nat(c.text(0))); }},
+    {"dmz_init", "", [](Call &c) { c.result(dmz_init()); }},
+    {"second_wan_up", "ifname", [](Call &c) { c.result(second_wan_up(c.text(0))); }},
+    {"start_tc_qos", "", [](Call &c) { c.result(start_tc_qos()); }},
+    {"ipv6_spi_mode", "#mode",
+     [](Call &c) { c.result(ipv6_spi_mode(static_cast<int>(c.integer(0)))); }},
+    {"ipv6_spi_lan_hook", "ifname", [](Call &c) { c.result(ipv6_spi_lan_hook(c.text(0))); }},
+    {"ipv6_spi_wan_hook", "ifname", [](Call &c) { c.result(ipv6_spi_wan_hook(c.text(0))); }},
+    {"ipv6_drop_all_packet", "#flag",
+     [](Call &c) { c.result(ipv6_drop_all_packet(static_cast<int>(c.integer(0)))); }},
+    {"ipv6_enable_wan_ping", "#flag",
+     [](Call &c) { c.result(ipv6_enable_wan_ping(static_cast<int>(c.integer(0)))); }},
+    {"write_radvd_conf", "", [](Call &c) { c.result(write_radvd_conf()); }},
+    {"rdnss_from_link_local", "", [](Call &c) { c.result(rdnss_from_link_local()); }},
+    {"start_dhcp6s", "", [](Call &c) { c.result(start_dhcp6s()); }},
+    {"ipv6_wan_start", "mode wan_ifname wan_addr wan_length lan_prefix lan_length",
+     [](Call &c) {
+         c.result(ipv6_wan_start(c.text(0), c.text(1), c.text(2), c.text(3), c.text(4),
+                                 c.text(5)));
+     }},
+    {"radvd_update_lan_prefix", "lan_addr lan_length",
+     [](Call &c) { c.result(radvd_update_lan_prefix(c.text(0), c.text(1))); }},
+    {"get_ipv6_prefix", "addr #length",
+     [](Call &c) {
+         c.result(get_ipv6_prefix(c.text(0), static_cast<int>(c.integer(1)),
+                                  c.buffer(kIpv6PrefixSize)));
+     }},
+    {"start_6to4_tunnel", "", [](Call &c) { c.result(start_6to4_tunnel()); }},
+    {"make_6to4_address", "", [](Call &c) { c.result(make_6to4_address(c.buffer(128))); }},
+    {"start_6rd_tunnel", "", [](Call &c) { c.result(start_6rd_tunnel()); }},
+    {"make_6rd_prefix", "rule_prefix #ipv4_mask_length #wan_ipv4",
+     [](Call &c) {
+         char *out = c.buffer(64);
+         c.result(make_6rd_prefix(out, c.text(0), static_cast<int>(c.integer(1)),
+                                  static_cast<uint32_t>(c.integer(2, 0, UINT32_MAX))));
+     }},
 };
 
 std::vector<Param> split_params(const char *params) {

@@ -97,8 +97,13 @@ protected:
         reset_probe_address();
         set("wwan_failover_ping_ip", "198.51.100.7");
         select_probe_address();
-        // LTE is the active WAN, so the WAN-up sequence leaves the Ethernet WAN alone.
+        // LTE is the active WAN in failover mode, so the WAN-up sequence leaves the Ethernet
+        // WAN alone.
+        set("wwan_wan_type", "2");
         set("current_ifname", "rm_usb0");
+        // PPTP and L2TP over DHCP would wait for a lease without end; static mode returns.
+        set("static_pptp_enable", "1");
+        set("static_l2tp_enable", "1");
         set("wan_ifname", "veth0");
         set("wan_hwaddr_sel", "0");
         set("et1macaddr", "02:00:00:00:00:01");
@@ -251,6 +256,7 @@ TEST_F(EtherWan, Start_MakesHookLinksAndJapanExtrasOnlyInJapan) {
         SCOPED_TRACE(sku);
         testroot::reset();
         set("wan_proto", "pptp");
+        set("static_pptp_enable", "1");
         set("sku_lang", "German");
         set("sku_name", sku);
         set("gui_region", region);
