@@ -359,3 +359,21 @@ TEST_F(WanUp, TcQos_ScriptMissing_WaitsElevenSecondsThenGivesUpForGood) {
 }
 
 }  // namespace
+
+namespace {
+
+// A WAN-up with 6to4 configured goes on into the IPv6 WAN start with the tunnel's address:
+// 2002: and the WAN address 192.0.2.1 in hexadecimal, SLA id 1, then the interface identifier.
+TEST_F(WanUp, SixToFourConfigured_WanUpStartsIpv6WithTheTunnelAddress) {
+    set({{"wan_ipaddr", "192.0.2.1"}, {"wan_hwaddr", "00:01:02:03:04:05"},
+         {"lan_hwaddr", "00:11:22:33:44:55"}, {"ipv6_proto", "6to4"}, {"ipv6_6to4_sla_id", "1"},
+         {"ipv6_6to4_relay", "0"}, {"ipv6_6to4_router", "192.88.99.1"}});
+    wan_up("eth0");
+    EXPECT_EQ(veskNvramConfig_get("ipv6_6to4_tunnel"), std::string("up"));
+    // The LAN address is the tunnel address's /64 with the LAN's own identifier.
+    EXPECT_EQ(veskNvramConfig_get("ipv6_lan_ipaddr"),
+              std::string("2002:c000:201:1:211:22ff:fe33:4455"));
+    EXPECT_THAT(testroot::shell_commands(), testing::Contains("ifconfig sit0 up"));
+}
+
+}  // namespace
