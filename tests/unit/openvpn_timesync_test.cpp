@@ -10,12 +10,14 @@
 #include <cstdint>
 #include <ctime>
 #include <functional>
+#include <initializer_list>
 #include <string>
 #include <utility>
 #include <vector>
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using Lines = std::vector<std::string>;
 
 namespace {
 
@@ -28,6 +30,12 @@ std::string tun_line(const std::string &name) {
 }
 std::string copy(const std::string &file) {
     return "cp -f /usr/local/share/tarnwel_ca/" + file + " /tmp/openvpn/" + file;
+}
+std::string call(const std::string &fn, const std::string &args) {
+    return R"({"fn":")" + fn + R"(","args":[)" + args + "]}";
+}
+void certificates(std::initializer_list<const char *> files) {
+    for (const char *f : files) testroot::write_file(std::string("/tmp/openvpn/") + f, "x");
 }
 
 class OpenVpn : public testing::Test {
@@ -43,11 +51,8 @@ TEST_F(OpenVpn, Start_NotEnabledOrCertificatesPresent_RunsNoCopy) {
     EXPECT_EQ(start_openvpn(), 0);
     EXPECT_THAT(testroot::events(), IsEmpty());
     EXPECT_THAT(testroot::trace(), IsEmpty());
-
     veskNvramConfig_set("openvpnActive", "enable");
-    for (const char *f :
-         {"ca.crt", "client.crt", "client.key", "dh1024.pem", "server.crt", "server.key"})
-        testroot::write_file(std::string("/tmp/openvpn/") + f, "x");
+    certificates({"ca.crt", "client.crt", "client.key", "dh1024.pem", "server.crt", "server.key"});
     EXPECT_EQ(start_openvpn(), 0);
     for (const std::string &command : testroot::shell_commands())
         EXPECT_NE(command.rfind("cp -f", 0), 0u) << command;
@@ -57,10 +62,8 @@ TEST_F(OpenVpn, Start_TwoCertificatesMissingClockNotSynced_RunsWholeSequenceInOr
     veskNvramConfig_set("openvpnActive", "enable");
     veskNvramConfig_set("openvpn_service_port_tun", "1194");
     veskNvramConfig_set("openvpn_service_port", "1195");
-    for (const char *f : {"client.crt", "client.key", "dh1024.pem", "server.crt"})
-        testroot::write_file(std::string("/tmp/openvpn/") + f, "x");
+    certificates({"client.crt", "client.key", "dh1024.pem", "server.crt"});
     testroot::write_file("/tmp/openvpn_log_tun", tun_line("tun1"));
-
     EXPECT_EQ(start_openvpn(), 0);
     EXPECT_THAT(testroot::shell_commands(),
                 ElementsAre(copy("ca.crt"), copy("server.key"), "mkdir /dev/net",
@@ -75,54 +78,48 @@ TEST_F(OpenVpn, Start_TwoCertificatesMissingClockNotSynced_RunsWholeSequenceInOr
     const std::string message =
         "[OPENVPN] NTP sync time failed. Get correct system time then reconnect.";
     EXPECT_THAT(testroot::trace(),
-                ElementsAre(R"({"fn":"zerinWriteLog","args":[")" + message + "\"," +
-                                std::to_string(message.size()) + ",524318]}",
-                            R"({"fn":"openvpn_make_config_file","args":[]})",
-                            R"({"fn":"agApi_setDeviceListenPort","args":[9,1194,1]})",
-                            R"({"fn":"agApi_setDeviceListenPort","args":[10,1195,1]})",
-                            R"({"fn":"agApi_fwEchoRespSet","args":[1]})",
-                            R"({"fn":"initial_abfifo","args":["/tmp/openvpn_log_tap",)"
-                            R"("/tmp/openvpn_log_tap2",10]})",
-                            R"({"fn":"agApi_natLanHook","args":["tun1"]})",
-                            R"({"fn":"_eval_daemon","args":[["dnsmasq","-h","-n","-c","0","-N",)"
-                            R"("-i","tun1","-r","/tmp/resolv.conf","-u","root"],)"
-                            R"(">/dev/console",0,null,0]})"));
+                ElementsAre(call("zerinWriteLog", "\"" + message + "\"," +
+                                                      std::to_string(message.size()) + ",524318"),
+                            call("openvpn_make_config_file", ""),
+                            call("agApi_setDeviceListenPort", "9,1194,1"),
+                            call("agApi_setDeviceListenPort", "10,1195,1"),
+                            call("agApi_fwEchoRespSet", "1"),
+                            call("initial_abfifo", R"("/tmp/openvpn_log_tap","/tmp/openvpn_log_tap2",10)"),
+                            call("agApi_natLanHook", R"("tun1")"),
+                            call("_eval_daemon", R"(["dnsmasq","-h","-n","-c","0","-N","-i","tun1",)"
+                                                 R"("-r","/tmp/resolv.conf","-u","root"],)"
+                                                 R"(">/dev/console",0,null,0)")));
     EXPECT_THAT(testroot::sleeps_us(), ElementsAre(4000000u));
 }
 
 TEST_F(OpenVpn, TunDeviceName_LastDeviceLineOfLogElseTun0) {
     const std::string long_name(40, 'v');
-    struct Case {
-        std::string log, name;
-    } cases[] = {
-        {"", "tun0"},  // no log
+    const std::pair<std::string, std::string> cases[] = {
+        {"", "tun0"},
         {tun_line("tun3") + tun_line("tun1"), "tun1"},
         {tun_line("t"), "tun0"},  // "t\n" is only two bytes
         {tun_line(long_name), long_name.substr(0, kTunNameSize - 1)},
     };
-    for (const Case &c : cases) {
+    for (const auto &[log, name] : cases) {
         testroot::reset();
-        if (!c.log.empty()) testroot::write_file("/tmp/openvpn_log_tun", c.log);
+        if (!log.empty()) testroot::write_file("/tmp/openvpn_log_tun", log);
         char out[kTunNameSize + 1] = {};
         out[kTunNameSize] = 'Z';
         get_tun_device_name(out);
-        EXPECT_EQ(std::string(out), c.name);
+        EXPECT_EQ(std::string(out), name);
         EXPECT_EQ(out[kTunNameSize], 'Z');
         EXPECT_THAT(testroot::shell_commands(), ElementsAre(kTunNameCommand));
     }
 }
 
-// ---- Time sync ----------------------------------------------------------------------------
-
-const std::vector<std::string> kRestart = {"killall -9 timesync", "rm -rf /var/run/timesync.pid",
-                                           "/usr/sbin/timesync /sbin/ntpclient &"};
+const Lines kRestart = {"killall -9 timesync", "rm -rf /var/run/timesync.pid",
+                        "/usr/sbin/timesync /sbin/ntpclient &"};
 
 class TimeSync : public OpenVpn {
 protected:
     // Runs restart_timesync with first_sync made from the current second, again if the clock
-    // ticked meanwhile. Returns the commands; `now` is the second the call ran in.
-    static std::vector<std::string> run(const std::function<std::string(uint32_t)> &first_sync,
-                                        uint32_t &now) {
+    // ticked meanwhile; `now` is the second the call ran in.
+    static Lines run(const std::function<std::string(uint32_t)> &first_sync, uint32_t &now) {
         for (int attempt = 0;; ++attempt) {
             testroot::clear_logs();
             now = static_cast<uint32_t>(std::time(nullptr));
@@ -153,10 +150,10 @@ TEST_F(TimeSync, SyncedInLteMode_RestartsAtMostOncePerDay) {
     };
     for (const Case &c : cases) {
         uint32_t now = 0;
-        std::vector<std::string> commands = run(c.first_sync, now);
-        std::string stored = veskNvramConfig_get("first_sync");
-        EXPECT_EQ(commands, c.restarts ? kRestart : std::vector<std::string>{}) << c.what;
-        EXPECT_EQ(stored, c.restarts ? std::to_string(now) : c.first_sync(now)) << c.what;
+        Lines commands = run(c.first_sync, now);
+        EXPECT_EQ(commands, c.restarts ? kRestart : Lines{}) << c.what;
+        EXPECT_EQ(std::string(veskNvramConfig_get("first_sync")),
+                  c.restarts ? std::to_string(now) : c.first_sync(now)) << c.what;
     }
 }
 

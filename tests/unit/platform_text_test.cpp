@@ -6,33 +6,33 @@
 #include <climits>
 #include <cstring>
 #include <string>
+#include <vector>
 
 namespace {
 
 struct Tokens {
     char t[12][VESK_TOKEN_SIZE];
     Tokens() { std::memset(t, 'X', sizeof t); }
+    std::vector<std::string> get(const char *text, const char *seps, int max) {
+        int n = getTokens(text, seps, t, max);
+        return n < 0 ? std::vector<std::string>{"error"} : std::vector<std::string>(t, t + n);
+    }
 };
+
+using Words = std::vector<std::string>;
 
 TEST(GetTokens, RepeatedAndEdgeSeparators_GiveNoEmptyTokens) {
     Tokens tk;
-    EXPECT_EQ(getTokens("  8.8.8.8   8.8.4.4 ", " ", tk.t, 10), 2);
-    EXPECT_STREQ(tk.t[0], "8.8.8.8");
-    EXPECT_STREQ(tk.t[1], "8.8.4.4");
-    EXPECT_EQ(getTokens("2001:db8::/32", ":/", tk.t, 10), 3);
-    EXPECT_STREQ(tk.t[0], "2001");
-    EXPECT_STREQ(tk.t[1], "db8");
-    EXPECT_STREQ(tk.t[2], "32");
-    EXPECT_EQ(getTokens("", " ", tk.t, 10), 0);
-    EXPECT_EQ(getTokens("   ", " ", tk.t, 10), 0);
-    EXPECT_EQ(getTokens("one two", "", tk.t, 10), 1);  // no separators: the whole text
-    EXPECT_STREQ(tk.t[0], "one two");
+    EXPECT_EQ(tk.get("  8.8.8.8   8.8.4.4 ", " ", 10), (Words{"8.8.8.8", "8.8.4.4"}));
+    EXPECT_EQ(tk.get("2001:db8::/32", ":/", 10), (Words{"2001", "db8", "32"}));
+    EXPECT_EQ(tk.get("", " ", 10), Words{});
+    EXPECT_EQ(tk.get("   ", " ", 10), Words{});
+    EXPECT_EQ(tk.get("one two", "", 10), Words{"one two"});  // no separators: the whole text
 }
 
 TEST(GetTokens, StopsAtMaxAndLeavesTheRestUntouched) {
     Tokens tk;
-    EXPECT_EQ(getTokens("a b c d", " ", tk.t, 2), 2);
-    EXPECT_STREQ(tk.t[1], "b");
+    EXPECT_EQ(tk.get("a b c d", " ", 2), (Words{"a", "b"}));
     EXPECT_EQ(tk.t[2][0], 'X');
     EXPECT_EQ(getTokens("a b", " ", tk.t, 0), 0);
     EXPECT_EQ(getTokens("a b", " ", tk.t, -1), 0);
@@ -43,10 +43,7 @@ TEST(GetTokens, StopsAtMaxAndLeavesTheRestUntouched) {
 TEST(GetTokens, LongTokenIsCutAt127AndItsRestDropped) {
     Tokens tk;
     std::string text = std::string(127, 'a') + " " + std::string(300, 'b') + " c";
-    EXPECT_EQ(getTokens(text.c_str(), " ", tk.t, 10), 3);
-    EXPECT_EQ(std::string(tk.t[0]), std::string(127, 'a'));
-    EXPECT_EQ(std::string(tk.t[1]), std::string(127, 'b'));
-    EXPECT_STREQ(tk.t[2], "c");
+    EXPECT_EQ(tk.get(text.c_str(), " ", 10), (Words{std::string(127, 'a'), std::string(127, 'b'), "c"}));
 }
 
 TEST(Itoa, WritesDecimalIncludingExtremes) {
@@ -60,8 +57,8 @@ TEST(Itoa, WritesDecimalIncludingExtremes) {
 
 TEST(EtherAtoe, ParsesColonOrDashSeparatedHex) {
     unsigned char mac[6] = {};
-    EXPECT_NE(ether_atoe("00:11:22:aA:Bb:fF", mac), 0);
     const unsigned char want[6] = {0x00, 0x11, 0x22, 0xaa, 0xbb, 0xff};
+    EXPECT_NE(ether_atoe("00:11:22:aA:Bb:fF", mac), 0);
     EXPECT_EQ(std::memcmp(mac, want, 6), 0);
     EXPECT_NE(ether_atoe("02-00-00-00-00-01", mac), 0);
     EXPECT_EQ(mac[0], 0x02);
@@ -69,20 +66,12 @@ TEST(EtherAtoe, ParsesColonOrDashSeparatedHex) {
 }
 
 TEST(EtherAtoe, BadText_FailsAndLeavesTheBuffer) {
-    const char *bad[] = {"",
-                         "00:11:22:33:44",
-                         "00:11:22:33:44:55:66",
-                         "0:11:22:33:44:55",
-                         "00:11:22:33:44:5g",
-                         "00-11:22:33:44:55",
-                         "00:11:22:33:44:55 ",
-                         " 00:11:22:33:44:55",
-                         "001122334455",
-                         "00.11.22.33.44.55"};
-    for (const char *text : bad) {
+    const unsigned char same[6] = {1, 2, 3, 4, 5, 6};
+    for (const char *text : {"", "00:11:22:33:44", "00:11:22:33:44:55:66", "0:11:22:33:44:55",
+                             "00:11:22:33:44:5g", "00-11:22:33:44:55", "00:11:22:33:44:55 ",
+                             " 00:11:22:33:44:55", "001122334455", "00.11.22.33.44.55"}) {
         unsigned char mac[6] = {1, 2, 3, 4, 5, 6};
         EXPECT_EQ(ether_atoe(text, mac), 0) << text;
-        const unsigned char same[6] = {1, 2, 3, 4, 5, 6};
         EXPECT_EQ(std::memcmp(mac, same, 6), 0) << text;
     }
     unsigned char mac[6];
@@ -111,31 +100,27 @@ TEST(MacAddrToInterfaceId, Eui64FlipsTheLocalBit) {
     EXPECT_EQ(mac_addr_to_interface_id("00:11:22:33:44:55", nullptr), nullptr);
 }
 
-TEST(CreateIpv6Addr, JoinsPrefixBitsAndIdentifier) {
-    char out[VESK_IPV6_TEXT_SIZE];
-    EXPECT_STREQ(create_ipv6_addr("2001:db8:1:2::", 64, "0211:22ff:fe33:4455", out),
-                 "2001:db8:1:2:211:22ff:fe33:4455");
-    // Bits of the given address past the prefix are replaced.
-    EXPECT_STREQ(create_ipv6_addr("2001:db8:1:2:aaaa:bbbb:cccc:dddd", 64, "1000", out),
-                 "2001:db8:1:2::1000");
-    EXPECT_STREQ(create_ipv6_addr("2001:db8:1:2::/64", 64, "2000", out), "2001:db8:1:2::2000");
-    // A prefix length inside a byte: 2001:db8:abff::/44 keeps 2001:db8:abf.
-    EXPECT_STREQ(create_ipv6_addr("2001:db8:abff::", 44, "::1", out), "2001:db8:abf0::1");
-    EXPECT_STREQ(create_ipv6_addr("2001:db8::1", 128, "0211:22ff:fe33:4455", out), "2001:db8::1");
-    EXPECT_STREQ(create_ipv6_addr("2001:db8::1", 0, "1:2:3:4:5:6:7:8", out), "1:2:3:4:5:6:7:8");
-}
-
-TEST(CreateIpv6Addr, UnparsableInput_GivesEmptyText) {
-    char out[VESK_IPV6_TEXT_SIZE];
-    EXPECT_STREQ(create_ipv6_addr("not-an-address", 64, "1000", out), "");
-    EXPECT_STREQ(create_ipv6_addr("2001:db8::", 64, "xyz", out), "");
-    EXPECT_STREQ(create_ipv6_addr("2001:db8::", 64, "", out), "");
-    EXPECT_STREQ(create_ipv6_addr("2001:db8::", 129, "1000", out), "");
-    EXPECT_STREQ(create_ipv6_addr("2001:db8::", -1, "1000", out), "");
-    EXPECT_STREQ(create_ipv6_addr("192.0.2.1", 64, "1000", out), "");
-    EXPECT_STREQ(create_ipv6_addr(nullptr, 64, "1000", out), "");
-    std::string long_text(5000, '1');
-    EXPECT_STREQ(create_ipv6_addr(long_text.c_str(), 64, long_text.c_str(), out), "");
+TEST(CreateIpv6Addr, JoinsPrefixBitsAndIdentifier_OrGivesEmptyText) {
+    const std::string long_text(5000, '1');
+    struct Case { const char *addr; int len; const char *id, *want; };
+    for (const Case &c : std::vector<Case>{
+             {"2001:db8:1:2::", 64, "0211:22ff:fe33:4455", "2001:db8:1:2:211:22ff:fe33:4455"},
+             {"2001:db8:1:2:aaaa:bbbb:cccc:dddd", 64, "1000", "2001:db8:1:2::1000"},  // bits replaced
+             {"2001:db8:1:2::/64", 64, "2000", "2001:db8:1:2::2000"},
+             {"2001:db8:abff::", 44, "::1", "2001:db8:abf0::1"},  // a prefix inside a byte
+             {"2001:db8::1", 128, "0211:22ff:fe33:4455", "2001:db8::1"},
+             {"2001:db8::1", 0, "1:2:3:4:5:6:7:8", "1:2:3:4:5:6:7:8"},
+             {"not-an-address", 64, "1000", ""},
+             {"2001:db8::", 64, "xyz", ""},
+             {"2001:db8::", 64, "", ""},
+             {"2001:db8::", 129, "1000", ""},
+             {"2001:db8::", -1, "1000", ""},
+             {"192.0.2.1", 64, "1000", ""},
+             {nullptr, 64, "1000", ""},
+             {long_text.c_str(), 64, long_text.c_str(), ""}}) {
+        char out[VESK_IPV6_TEXT_SIZE];
+        EXPECT_STREQ(create_ipv6_addr(c.addr, c.len, c.id, out), c.want) << (c.addr ? c.addr : "null");
+    }
 }
 
 }  // namespace

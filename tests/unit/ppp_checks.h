@@ -1,5 +1,4 @@
-// Checks shared by the PPP session tests: device nodes, file modes, whether the WAN-up sequence
-// ran, and Debian's pppd reading an options file.
+// Checks shared by the PPP session tests.
 #pragma once
 
 #include <sys/stat.h>
@@ -7,6 +6,7 @@
 #include <sys/wait.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <utility>
 
@@ -18,7 +18,7 @@ namespace ppp_checks {
 inline constexpr const char *kLinkLines =
     "default-asyncmap\nnoaccomp\nnopcomp\nnoccp\nnovj\nnobsdcomp\nnodeflate\nlock\nusepeerdns\n";
 
-// "c MAJOR MINOR MODE" for a character device, "" when `path` is none.
+// "c MAJOR MINOR MODE" for a character device, "" otherwise.
 inline std::string node(const char *path) {
     struct stat st {};
     if (lstat(path, &st) != 0 || !S_ISCHR(st.st_mode)) return "";
@@ -40,20 +40,14 @@ inline bool wan_up_ran() {
     return false;
 }
 
-// Exit status and output of Debian's pppd reading `options` without dialling.
+// Exit status and output of Debian's pppd reading `options` without dialling; IPv6CP only when
+// the file asks for it with "+ipv6".
 inline std::pair<int, std::string> pppd_dryrun(const std::string &options) {
     testroot::write_file("/dev/ppp", "");  // the kernel here has no PPP; pppd only opens it
-    // Debian's pppd runs IPv6CP unless told not to; the router's only with "+ipv6".
     const bool ipv6 = testroot::read_file(options).find("+ipv6\n") != std::string::npos;
-    const std::string command =
-        "/host/usr/sbin/pppd file " + options + (ipv6 ? "" : " noipv6") + " dryrun 2>&1";
-    std::string output;
-    std::FILE *p = popen(command.c_str(), "r");
-    if (p == nullptr) return {-1, "popen failed"};
-    char buf[256];
-    while (std::fgets(buf, sizeof buf, p)) output += buf;
-    int status = pclose(p);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+    int status = std::system(("/host/usr/sbin/pppd file " + options + (ipv6 ? "" : " noipv6") +
+                              " dryrun >/tmp/pppd.out 2>&1").c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, testroot::read_file("/tmp/pppd.out")};
 }
 
 }  // namespace ppp_checks

@@ -1,6 +1,4 @@
-// The PPTP and L2TP session starts in the test root: their files byte for byte, the physical
-// interface's address (static with the user's DNS servers, or DHCP with its wait), the launch,
-// and the files read by Debian's pppd and xl2tpd.
+// The PPTP and L2TP session starts in the test root, and their files read by pppd and xl2tpd.
 #include "platform/nvram.h"
 #include "tests/support/testroot.h"
 #include "tests/unit/ppp_checks.h"
@@ -8,14 +6,11 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -24,11 +19,7 @@
 
 using namespace ppp_checks;
 using testing::ElementsAre;
-using testing::EndsWith;
 using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
-using testing::SizeIs;
 
 namespace {
 
@@ -48,7 +39,21 @@ std::vector<std::string> route_commands() {
     return commands;
 }
 
-// Console (standard output, then standard error) of a start in this process.
+// Runs `run` in a child with standard output and error in `log`.
+template <class F> pid_t in_child(const char *log, F run) {
+    std::fflush(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        int fd = open(log, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        dup2(fd, 1);
+        dup2(fd, 2);
+        run();
+        std::fflush(nullptr);
+        _exit(0);
+    }
+    return pid;
+}
+
 std::string start_here(Start start, const char *ifname) {
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
@@ -57,25 +62,17 @@ std::string start_here(Start start, const char *ifname) {
     return out + testing::internal::GetCapturedStderr();
 }
 
-// Console of a start in a child, as the Ethernet WAN start runs it, with the DHCP client's event
-// script played here: once udhcpc was started, `lease_key` goes to "1".
+// Console of a start in a child, as the Ethernet WAN start runs it; once udhcpc was started, the
+// DHCP event script is played here by setting `lease_key` to "1".
 std::string start_with_lease(Start start, const char *ifname, const char *lease_key) {
-    std::fflush(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        int fd = open("/tmp/child.console", O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(fd, 1);
-        dup2(fd, 2);
+    pid_t pid = in_child("/tmp/child.console", [&] {
         setenv("SLEEP_SHIM_DIVISOR", "1000", 1);  // the lease poll keeps a pace
         start(ifname, 0);
-        std::fflush(nullptr);
-        _exit(0);
-    }
+    });
     EXPECT_TRUE(testroot::wait_for([] { return !testroot::calls_of("/usr/sbin/udhcpc").empty(); }));
     EXPECT_EQ(get(lease_key), "0");
     set(lease_key, "1");
-    int status = -1;
-    EXPECT_TRUE(testroot::wait_for([&] { return waitpid(pid, &status, WNOHANG) == pid; }));
+    EXPECT_TRUE(testroot::wait_for([&] { return waitpid(pid, nullptr, WNOHANG) == pid; }));
     return file("/tmp/child.console");
 }
 
@@ -85,17 +82,12 @@ protected:
         testroot::reset();
         mkdir("/tmp/ppp", 0777);
         testroot::write_file("/tmp/resolv.conf", "");
-        for (auto [key, value] : {std::pair{"wan_ifname", "veth0"},
-                                  {"wan_mtu", "1400"},
-                                  {"pptp_username", "us\"er"},
-                                  {"pptp_passwd", "pa$s"},
-                                  {"pptp_serv_ip", "192.0.2.1"},
-                                  {"pptp_localip", "0.0.0.0"},
-                                  {"l2tp_user_name", "us\"er"},
-                                  {"l2tp_user_passwd", "p`w"},
-                                  {"l2tp_serv_ip", "192.0.2.1"},
-                                  {"l2tp_conn_id", "office"},
-                                  {"l2tp_localip", "0.0.0.0"}})
+        for (auto [key, value] :
+             {std::pair{"wan_ifname", "veth0"}, {"wan_mtu", "1400"}, {"pptp_username", "us\"er"},
+              {"pptp_passwd", "pa$s"}, {"pptp_serv_ip", "192.0.2.1"}, {"pptp_localip", "0.0.0.0"},
+              {"l2tp_user_name", "us\"er"}, {"l2tp_user_passwd", "p`w"},
+              {"l2tp_serv_ip", "192.0.2.1"}, {"l2tp_conn_id", "office"},
+              {"l2tp_localip", "0.0.0.0"}})
             set(key, value);
         testroot::clear_logs();
     }
@@ -107,9 +99,8 @@ TEST_F(Tunnel, PptpDhcpOnDemand_WritesFilesWaitsForLeaseThenLaunchesWithWanUp) {
     set("pptp_idletime", "5");
     EXPECT_EQ(start_with_lease(start_pptp_session, "eth0", "pptp_dhcp_enabled"),
               "Dynamic IP by DHCP client.\npppd executed successfully. (0)\n");
-    EXPECT_EQ(file("/tmp/ppp/pptpIp"),
-              "veth0\npptp_serv_ip 192.0.2.1\npptp_user_ip 0.0.0.0\n"
-              "pptp_gateway_ip 192.0.2.1\npptp_user_netmask 0.0.0.0\n");
+    EXPECT_EQ(file("/tmp/ppp/pptpIp"), "veth0\npptp_serv_ip 192.0.2.1\npptp_user_ip 0.0.0.0\n"
+                                       "pptp_gateway_ip 192.0.2.1\npptp_user_netmask 0.0.0.0\n");
     EXPECT_EQ(file("/tmp/ppp/options"),
               std::string("defaultroute\npty 'pptp 192.0.2.1 --nolaunchpppd'\nnoauth\n"
                           "user \"us\\\"er\"\nmtu 1400\nmru 1436\nholdoff 5\n"
@@ -122,9 +113,16 @@ TEST_F(Tunnel, PptpDhcpOnDemand_WritesFilesWaitsForLeaseThenLaunchesWithWanUp) {
     EXPECT_THAT(testroot::calls_of("/usr/sbin/udhcpc")[0],
                 ElementsAre("/usr/sbin/udhcpc", "-i", "eth0", "-p", "/var/run/udhcpc0.pid", "-s",
                             "/tmp/udhcpc"));
-    EXPECT_THAT(testroot::calls_of("pppd"), SizeIs(1));
+    EXPECT_EQ(testroot::calls_of("pppd").size(), 1u);
     EXPECT_EQ(testroot::sleeps_us().at(0), 1000000u);
     EXPECT_TRUE(wan_up_ran());
+}
+
+TEST_F(Tunnel, L2tpDhcp_StartsUdhcpcOnWanIfnameAndWaitsForLease) {
+    set("l2tp_dod", "0");
+    EXPECT_EQ(start_with_lease(start_l2tp_session, "eth9", "l2tp_dhcp_enabled"),
+              "Dynamic IP by DHCP client.\npppd executed successfully. (0)\n");
+    EXPECT_THAT(testroot::calls_of("/usr/sbin/udhcpc")[0], testing::Contains("veth0"));
 }
 
 TEST_F(Tunnel, Mtu_PptpClampsUnsignedWritesBackOnlyWhenClamped_L2tpSignedAlwaysStored) {
@@ -153,19 +151,16 @@ TEST_F(Tunnel, Mtu_PptpClampsUnsignedWritesBackOnlyWhenClamped_L2tpSignedAlwaysS
 }
 
 TEST_F(Tunnel, PptpStaticUserDns_MergesResolverAndRoutesServersOutsideSubnetOnly) {
-    set("static_pptp_enable", "1");
-    set("pptp_user_ip", "10.0.0.2");
-    set("pptp_gateway", "10.0.0.1");
-    set("pptp_dod", "0");
-    set("wan_dns_sel", "1");
-    set("wan_dns1", " 10.9.9.9  198.51.100.53 198.51.100.54");
+    for (auto [key, value] : {std::pair{"static_pptp_enable", "1"}, {"pptp_user_ip", "10.0.0.2"},
+                              {"pptp_gateway", "10.0.0.1"}, {"pptp_dod", "0"}, {"wan_dns_sel", "1"},
+                              {"wan_dns1", " 10.9.9.9  198.51.100.53 198.51.100.54"}})
+        set(key, value);
     testroot::write_file("/tmp/resolv.conf", "nameserver\t198.51.100.53\n");
     EXPECT_EQ(start_here(start_pptp_session, "veth0"),
               "Static IP by user defined.\npppd executed successfully. (0)\n");
-    // The parameter file is written before the empty mask gets its default.
-    EXPECT_EQ(file("/tmp/ppp/pptpIp"),
-              "veth0\npptp_serv_ip 192.0.2.1\npptp_user_ip 10.0.0.2\n"
-              "pptp_gateway_ip 10.0.0.1\npptp_user_netmask \n");
+    // Written before the empty mask gets its default.
+    EXPECT_EQ(file("/tmp/ppp/pptpIp"), "veth0\npptp_serv_ip 192.0.2.1\npptp_user_ip 10.0.0.2\n"
+                                       "pptp_gateway_ip 10.0.0.1\npptp_user_netmask \n");
     EXPECT_EQ(get("pptp_user_netmask"), "255.0.0.0");
     EXPECT_EQ(get("pptp_dhcp_dns"), " 10.9.9.9  198.51.100.53 198.51.100.54");
     EXPECT_EQ(file("/tmp/resolv.conf"),
@@ -175,7 +170,7 @@ TEST_F(Tunnel, PptpStaticUserDns_MergesResolverAndRoutesServersOutsideSubnetOnly
                             R"(["route","add","-host","198.51.100.54","gw","10.0.0.1"])"));
     EXPECT_EQ(get("second_wan_status"), "1");
 
-    // A later start in the same process takes every remembered server's route away first.
+    // A later start takes every remembered server's route away first.
     testroot::clear_logs();
     set("wan_dns1", "198.51.100.99");
     start_here(start_pptp_session, "veth0");
@@ -187,22 +182,19 @@ TEST_F(Tunnel, PptpStaticUserDns_MergesResolverAndRoutesServersOutsideSubnetOnly
 }
 
 TEST_F(Tunnel, L2tpStatic_WritesItsFilesWithRawUserNameAndDecidesWanUpByPptpDod) {
-    set("static_l2tp_enable", "1");
-    set("l2tp_user_ip", "10.0.0.2");
-    set("l2tp_user_netmask", "255.255.255.0");
-    set("l2tp_gateway_ip", "10.0.0.1");
-    set("l2tp_dod", "1");
-    set("l2tp_idle_time", "2");
-    set("pptp_dod", "0");
+    for (auto [key, value] :
+         {std::pair{"static_l2tp_enable", "1"}, {"l2tp_user_ip", "10.0.0.2"},
+          {"l2tp_user_netmask", "255.255.255.0"}, {"l2tp_gateway_ip", "10.0.0.1"},
+          {"l2tp_dod", "1"}, {"l2tp_idle_time", "2"}, {"pptp_dod", "0"}})
+        set(key, value);
     EXPECT_EQ(start_here(start_l2tp_session, "ignored0"),
               "Static IP by user defined.\npppd executed successfully. (0)\n");
     EXPECT_EQ(file("/tmp/l2tp/l2tpd.conf"),
               "[lac office]\nlns = 192.0.2.1\nname = us\"er\nppp debug = yes\n"
               "pppoptfile = /tmp/ppp/options\nlength bit = yes\nrequire authentication = yes\n");
     EXPECT_EQ(file("/tmp/l2tp/l2tpd.info"), "office");
-    EXPECT_EQ(file("/tmp/ppp/l2tpIp"),
-              "veth0\nl2tp_serv_ip 192.0.2.1\nl2tp_user_ip 10.0.0.2\n"
-              "l2tp_gateway_ip 10.0.0.1\nl2tp_user_netmask 255.255.255.0\n");
+    EXPECT_EQ(file("/tmp/ppp/l2tpIp"), "veth0\nl2tp_serv_ip 192.0.2.1\nl2tp_user_ip 10.0.0.2\n"
+                                       "l2tp_gateway_ip 10.0.0.1\nl2tp_user_netmask 255.255.255.0\n");
     EXPECT_EQ(file("/tmp/ppp/options"),
               std::string("defaultroute\npty 'l2tpd -D -c /tmp/l2tp/l2tpd.conf'\nnoauth\n"
                           "user \"us\"er\"\nmtu 1400\nmru 1400\nholdoff 5\n"
@@ -213,21 +205,14 @@ TEST_F(Tunnel, L2tpStatic_WritesItsFilesWithRawUserNameAndDecidesWanUpByPptpDod)
     EXPECT_EQ(file("/tmp/ppp/pap-secrets"), "\"us\\\"er\" * \"p\\`w\" *\n");
     EXPECT_EQ(mode("/tmp/l2tp") + mode("/tmp/l2tp/l2tpd.conf"), 0777u + 0666u);
     EXPECT_EQ(node("/dev/ptys2") + ", " + node("/dev/ttys1"), "c 2 50 600, c 3 49 600");
-    EXPECT_THAT(testroot::calls_of("pppd"), SizeIs(1));
+    EXPECT_EQ(testroot::calls_of("pppd").size(), 1u);
     EXPECT_FALSE(wan_up_ran());
-}
-
-TEST_F(Tunnel, L2tpDhcp_StartsUdhcpcOnWanIfnameAndWaitsForLease) {
-    set("l2tp_dod", "0");
-    EXPECT_EQ(start_with_lease(start_l2tp_session, "eth9", "l2tp_dhcp_enabled"),
-              "Dynamic IP by DHCP client.\npppd executed successfully. (0)\n");
-    EXPECT_THAT(testroot::calls_of("/usr/sbin/udhcpc")[0], testing::Contains("veth0"));
 }
 
 TEST_F(Tunnel, Failures_EndTheStartWithTheirOwnMessages) {
     mkdir("/tmp/ppp/pap-secrets", 0777);
-    EXPECT_EQ(start_here(start_pptp_session, "veth0"), "/tmp/ppp/pap-screts: Is a directory\n");
-    EXPECT_EQ(start_here(start_l2tp_session, "veth0"), "/tmp/ppp/pap-screts: Is a directory\n");
+    for (Start start : {start_pptp_session, start_l2tp_session})
+        EXPECT_EQ(start_here(start, "veth0"), "/tmp/ppp/pap-screts: Is a directory\n");
     rmdir("/tmp/ppp/pap-secrets");
 
     set("static_pptp_enable", "1");
@@ -235,8 +220,8 @@ TEST_F(Tunnel, Failures_EndTheStartWithTheirOwnMessages) {
     set("pptp_dod", "0");
     unlink("/tmp/resolv.conf");
     EXPECT_THAT(start_here(start_pptp_session, "veth0"),
-                EndsWith("/tmp/resolv.conf: No such file or directory\n"));
-    EXPECT_THAT(testroot::calls_of("pppd"), IsEmpty());
+                testing::EndsWith("/tmp/resolv.conf: No such file or directory\n"));
+    EXPECT_TRUE(testroot::calls_of("pppd").empty());
 
     unlink("/testbin/pppd");  // no pppd anywhere on PATH
     unlink("/sbin/pppd");
@@ -255,29 +240,24 @@ TEST_F(Tunnel, Failures_EndTheStartWithTheirOwnMessages) {
 
 TEST_F(Tunnel, Files_AcceptedByDebianPppdAndXl2tpd) {
     set("l2tp_user_name", "office-user");  // a raw double quote would end pppd's "user" word
-    for (auto [start, prefix] : {std::pair<Start, const char *>{start_pptp_session, "pptp_"},
+    set("pptp_idletime", "5");
+    set("l2tp_idle_time", "5");
+    for (auto [start, prefix] : {std::pair<Start, std::string>{start_pptp_session, "pptp_"},
                                  {start_l2tp_session, "l2tp_"}}) {
-        set((std::string(prefix) + "dod").c_str(), "1");
-        set("pptp_idletime", "5");
-        set("l2tp_idle_time", "5");
-        set((std::string("static_") + prefix + "enable").c_str(), "1");
+        set((prefix + "dod").c_str(), "1");
+        set(("static_" + prefix + "enable").c_str(), "1");
         start_here(start, "veth0");
         auto [status, output] = pppd_dryrun("/tmp/ppp/options");
         EXPECT_EQ(status, 0) << prefix << output;
-        EXPECT_THAT(output, Not(HasSubstr("warning"))) << prefix;
+        EXPECT_THAT(output, testing::Not(HasSubstr("warning"))) << prefix;
     }
 
     auto xl2tpd = [](const char *log) {
-        pid_t pid = fork();
-        if (pid == 0) {
-            int fd = open(log, O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            dup2(fd, 1);
-            dup2(fd, 2);
+        return in_child(log, [] {
             execl("/host/usr/sbin/xl2tpd", "xl2tpd", "-D", "-c", "/tmp/l2tp/l2tpd.conf", "-p",
                   "/tmp/xl2tpd.pid", "-C", "/tmp/xl2tpd.control", static_cast<char *>(nullptr));
             _exit(127);
-        }
-        return pid;
+        });
     };
     // In the foreground it says that it listens once it has taken the configuration.
     pid_t pid = xl2tpd("/tmp/xl2tpd.log");
@@ -287,8 +267,7 @@ TEST_F(Tunnel, Files_AcceptedByDebianPppdAndXl2tpd) {
     kill(pid, SIGTERM);
     waitpid(pid, nullptr, 0);
     // The same check refuses a field it does not know.
-    testroot::write_file("/tmp/l2tp/l2tpd.conf",
-                         file("/tmp/l2tp/l2tpd.conf") + "no such field = 1\n");
+    testroot::write_file("/tmp/l2tp/l2tpd.conf", file("/tmp/l2tp/l2tpd.conf") + "no such field = 1\n");
     int status = 0;
     waitpid(xl2tpd("/tmp/xl2tpd.bad.log"), &status, 0);
     EXPECT_NE(WEXITSTATUS(status), 0);

@@ -28,6 +28,11 @@ const std::string kHead = "redistribute kernel\nredistribute connected\nredistri
 std::string eval_daemon(const std::string &argv) {
     return R"({"fn":"_eval_daemon","args":[)" + argv + R"(,">/dev/console",0,null,0]})";
 }
+// The "router rip" block that opens each interface's section.
+std::string section(const std::string &ifname, bool on) {
+    return "interface " + ifname + (on ? "\nrouter rip\n" : "\nno router rip\n") + kHead +
+           "network " + ifname + "\n";
+}
 
 class Rip : public testing::Test {
 protected:
@@ -59,52 +64,48 @@ protected:
 };
 
 TEST_F(Rip, StartRip_RewritesFilesAndStartsDaemonsOnlyWhenOn) {
-    struct Case {
+    const std::string v2 = "ip rip send version 2\nip rip receive version 2\nrouter rip\n";
+    const std::string off = "no ip rip send version\nip rip receive version 2\nrouter rip\n";
+    const struct {
         const char *what;
-        Settings settings;
+        Settings settings;  // an aggregate keeps each list alive; a tuple would not
         std::string file;
         bool daemons;
     } cases[] = {
         {"direction 1, LAN netmask empty",
          {{"lan_netmask", ""}, {"static_route", "192.168.5.0:255.255.255.0:g:1:br0:1:a"}},
-         "interface br0\nrouter rip\n" + kHead + "network br0\n"
-         "interface br0\nip rip send version 2\nip rip receive version 2\nrouter rip\n"
-         "distribute-list privatebr0 out br0\naccess-list privatebr0 permit any\n"
-         "interface eth0\nrouter rip\n" + kHead + "network eth0\n"
-         "interface eth0\nip rip send version 2\nip rip receive version 2\nrouter rip\n"
-         "distribute-list privateeth0 out eth0\naccess-list privateeth0 deny 192.168.5.0/24\n"
-         "access-list privateeth0 deny 192.168.1.1/24\naccess-list privateeth0 permit any\n",
+         section("br0", true) + "interface br0\n" + v2 +
+             "distribute-list privatebr0 out br0\naccess-list privatebr0 permit any\n" +
+             section("eth0", true) + "interface eth0\n" + v2 +
+             "distribute-list privateeth0 out eth0\naccess-list privateeth0 deny 192.168.5.0/24\n"
+             "access-list privateeth0 deny 192.168.1.1/24\naccess-list privateeth0 permit any\n",
          true},
-        {"direction 0, PPPoE",
-         {{"rip_dir", "0"}, {"wan_proto", "pppoe"}},
-         "interface br0\nno router rip\n" + kHead + "network br0\n"
-         "interface ppp0\nno router rip\n" + kHead + "network ppp0\n", true},
+        {"direction 0, PPPoE", {{"rip_dir", "0"}, {"wan_proto", "pppoe"}},
+         section("br0", false) + section("ppp0", false), true},
         {"RIP off, direction 2, multicast",
          {{"rip_enable", "0"}, {"rip_dir", "2"}, {"rip_multicast", "1"}},
-         "interface br0\nno router rip\n" + kHead + "network br0\n"
-         "interface br0\nno ip rip send version\nip rip receive version 2\nrouter rip\n"
-         "distribute-list privatebr0 out br0\naccess-list privatebr0 deny any\n"
-         "interface eth0\nno router rip\n" + kHead + "network eth0\n"
-         "interface eth0\nno ip rip send version\nip rip receive version 2\nrouter rip\n"
-         "distribute-list privateeth0 out eth0\naccess-list privateeth0 deny any\n",
+         section("br0", false) + "interface br0\n" + off +
+             "distribute-list privatebr0 out br0\naccess-list privatebr0 deny any\n" +
+             section("eth0", false) + "interface eth0\n" + off +
+             "distribute-list privateeth0 out eth0\naccess-list privateeth0 deny any\n",
          false},
     };
-    for (const Case &c : cases) {
+    for (const auto &[what, settings, file, daemons] : cases) {
         testroot::reset();
         for (const char *stale : {kRipd, "/tmp/zebra.conf", "/tmp/M.conf"})
             testroot::write_file(stale, "stale\n");
-        set_router(c.settings);
-        EXPECT_EQ(start_rip(), 0) << c.what;
-        EXPECT_EQ(testroot::read_file(kRipd), c.file) << c.what;
+        set_router(settings);
+        EXPECT_EQ(start_rip(), 0) << what;
+        EXPECT_EQ(testroot::read_file(kRipd), file) << what;
         EXPECT_TRUE(testroot::exists("/tmp/zebra.conf"));
         EXPECT_EQ(testroot::read_file("/tmp/zebra.conf"), "");
         EXPECT_EQ(testroot::exists("/tmp/M.conf"), veskNvramConfig_match("rip_multicast", "1"));
         std::vector<std::string> started;
-        if (c.daemons)
+        if (daemons)
             started = {R"({"fn":"agApi_setDeviceListenPort","args":[0,520,1]})",
                        eval_daemon(R"(["zebra","-d","-f","/tmp/zebra.conf"])"),
                        eval_daemon(R"(["ripd","-d","-f","/tmp/ripd.conf"])")};
-        EXPECT_EQ(testroot::trace(), started) << c.what;
+        EXPECT_EQ(testroot::trace(), started) << what;
     }
     testroot::clear_logs();
     EXPECT_EQ(stop_rip(), 0);
@@ -118,8 +119,7 @@ TEST_F(Rip, Direction3WanSection_ByteForByte) {
                 {"static_route", "10.1.0.0:255.255.0.0:g:1:br0:1:b"}});
     EXPECT_EQ(write_rip_conf("eth0", 0), 0);
     EXPECT_EQ(testroot::read_file(kRipd),
-              "interface eth0\nrouter rip\n" + kHead + "network eth0\n"
-              "interface eth0\nip rip send version 1\nrouter rip\n"
+              section("eth0", true) + "interface eth0\nip rip send version 1\nrouter rip\n"
               "distribute-list activeeth0 in eth0\naccess-list activeeth0 deny any\nrouter rip\n"
               "distribute-list privateeth0 out eth0\naccess-list privateeth0 deny 10.1.0.0/8\n"
               "access-list privateeth0 deny 192.168.1.1/16\naccess-list privateeth0 permit any\n");
@@ -172,18 +172,18 @@ TEST_F(Rip, BadValues_NameCutLineBreaksRefusedOpenFailureGivesErrno) {
                 ElementsAre("access-list privateeth0 deny 10.2.0.0/8"));
 }
 
-// FRR's parser names the line it rejects: with RIP off, the lines after "no router rip" stand
-// outside any router block, where FRR has no such commands (the router's ripd takes them).
+// With RIP off, the lines after "no router rip" stand outside any router block, where FRR has
+// no such commands (the router's ripd takes them).
 TEST_F(Rip, Files_RipOnAcceptedByFrr_RipOffRejected) {
     if (!testroot::exists("/host/usr/bin/vtysh")) GTEST_SKIP() << "frr missing: tools/install-deps";
-    auto vtysh_check = [](std::string &output) {
+    std::string output;
+    auto vtysh_check = [&output] {
         char vtysh[] = "/host/usr/bin/vtysh", c[] = "-C", f[] = "-f", file[] = "/tmp/ripd.conf";
         char *const argv[] = {vtysh, c, f, file, nullptr};
         int status = _eval(argv, ">/tmp/vtysh.out", 60, nullptr);
         output = testroot::read_file("/tmp/vtysh.out");
         return status;
     };
-    std::string output;
     for (const char *direction : {"1", "2", "3"})
         for (const char *version : {"1", "2"})
             for (const char *multicast : {"0", "1"}) {
@@ -191,12 +191,12 @@ TEST_F(Rip, Files_RipOnAcceptedByFrr_RipOffRejected) {
                 set_router({{"rip_dir", direction}, {"rip_version", version},
                             {"rip_multicast", multicast}});
                 ASSERT_EQ(start_rip(), 0);
-                EXPECT_EQ(vtysh_check(output), 0) << direction << "/" << version << "/"
-                    << multicast << "\n" << output << testroot::read_file(kRipd);
+                EXPECT_EQ(vtysh_check(), 0) << direction << "/" << version << "/" << multicast
+                                            << "\n" << output << testroot::read_file(kRipd);
             }
     set_router({{"rip_enable", "0"}});
     ASSERT_EQ(start_rip(), 0);
-    EXPECT_NE(vtysh_check(output), 0);
+    EXPECT_NE(vtysh_check(), 0);
     EXPECT_THAT(output, HasSubstr("line 3: % Unknown command[4]: redistribute kernel"));
 }
 
