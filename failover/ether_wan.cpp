@@ -23,12 +23,13 @@
 #include "shared/command.h"
 #include "shared/ifconfig.h"
 #include "wan/ppp_sessions.h"
+#include "shared/store.h"
 
 namespace {
 
-bool match(const char *key, const char *value) { return veskNvramConfig_match(key, value) != 0; }
+using store::match;
 
-void set(const char *key, const char *value) { veskNvramConfig_set(key, value); }
+using store::set;
 
 std::string get(const char *key) { return veskNvramConfig_get(key); }
 

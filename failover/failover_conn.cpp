@@ -16,12 +16,13 @@
 #include "failover/wan_clients.h"
 #include "platform/nvram.h"
 #include "shared/file.h"
+#include "shared/store.h"
 
 namespace {
 
-bool match(const char *key, const char *value) { return veskNvramConfig_match(key, value) != 0; }
+using store::match;
 
-void set(const char *key, const char *value) { veskNvramConfig_set(key, value); }
+using store::set;
 
 // ---- Start-up ---------------------------------------------------------------------------
 

@@ -20,6 +20,7 @@
 #include "platform/vesk_shared.h"
 #include "services/dns.h"
 #include "shared/command.h"
+#include "shared/store.h"
 
 namespace {
 
@@ -31,9 +32,9 @@ constexpr const char *kLeaseFile = "/tmp/server6.leases";
 constexpr std::size_t kInterfaceIdSize = 128;
 constexpr std::size_t kWanIfnameSize = 32;
 
-bool match(const char *key, const char *value) { return veskNvramConfig_match(key, value) != 0; }
+using store::match;
 
-void set(const char *key, const char *value) { veskNvramConfig_set(key, value); }
+using store::set;
 
 std::string get(const char *key) { return veskNvramConfig_get(key); }
 

@@ -9,6 +9,7 @@
 #include "platform/vesk_shared.h"
 #include "shared/command.h"
 #include "shared/file.h"
+#include "shared/store.h"
 
 #include <cerrno>
 #include <cstdint>
@@ -24,8 +25,8 @@ constexpr const char *kDebugText = "/tmp/radvd_debug.txt";
 constexpr int kDebugTextBound = 1000;
 constexpr std::size_t kProtoSize = 32;
 
-bool match(const char *key, const char *value) { return veskNvramConfig_match(key, value) != 0; }
-const char *get(const char *key) { return veskNvramConfig_get(key); }
+using store::match;
+using store::get;
 
 // `ipv6_proto`, cut to the 31 characters its buffer holds.
 struct Proto {

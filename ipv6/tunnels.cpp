@@ -15,6 +15,7 @@
 #include "platform/nvram.h"
 #include "platform/vesk_shared.h"
 #include "shared/command.h"
+#include "shared/store.h"
 
 namespace {
 
@@ -25,9 +26,9 @@ constexpr std::size_t kStatusSize = 256;
 constexpr std::size_t kAddressSize = 128;
 constexpr int kPrefixBits = 64;
 
-bool match(const char *key, const char *value) { return veskNvramConfig_match(key, value) != 0; }
+using store::match;
 
-void set(const char *key, const char *value) { veskNvramConfig_set(key, value); }
+using store::set;
 
 void record_6rd(const char *status, const char *tunnel) {
     set("ipv6_6rd_status", status);

@@ -5,6 +5,7 @@
 #include "platform/nvram.h"
 #include "platform/vesk_shared.h"
 #include "shared/file.h"
+#include "shared/store.h"
 
 #include <arpa/inet.h>
 
@@ -31,9 +32,9 @@ constexpr std::size_t kReorderSize = 128;
 constexpr std::size_t kRouteLineSize = 128;
 constexpr std::size_t kWanIfnameSize = 32;
 
-bool match(const char *key, const char *value) { return veskNvramConfig_match(key, value) != 0; }
+using store::match;
 
-const char *get(const char *key) { return veskNvramConfig_get(key); }
+using store::get;
 
 bool in_japan_region() {
     return match("sku_name", "JP") || (match("sku_name", "WW") && match("gui_region", "Japanese"));

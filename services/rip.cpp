@@ -7,6 +7,7 @@
 #include "platform/vesk_shared.h"
 #include "shared/c_numbers.h"
 #include "shared/file.h"
+#include "shared/store.h"
 
 #include <arpa/inet.h>
 #include <unistd.h>
@@ -30,7 +31,7 @@ constexpr int kMaxStaticRoutes = 32;
 constexpr int kRouteFields = 7;
 constexpr std::size_t kIfnameSize = 100;
 
-const char *get(const char *key) { return veskNvramConfig_get(key); }
+using store::get;
 
 int key_int(const char *key) { return atoi32(get(key)); }
 

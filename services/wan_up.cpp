@@ -24,6 +24,7 @@
 #include "services/timesync.h"
 #include "shared/command.h"
 #include "shared/file.h"
+#include "shared/store.h"
 
 namespace {
 
@@ -37,7 +38,7 @@ constexpr int kTcTries = 11;
 // a lease renewal. PPP WANs get new interfaces and need it every time.
 int tc_first_run = 1;
 
-bool match(const char *key, const char *value) { return veskNvramConfig_match(key, value) != 0; }
+using store::match;
 
 std::string get(const char *key) { return veskNvramConfig_get(key); }
 
