@@ -1,4 +1,4 @@
-// Interfaces and routes of the platform library.
+// Interface settings of the platform library (the static routes are in static_routes.cpp).
 #include "platform/vesk_shared.h"
 
 #include "platform/host/trace.h"
@@ -40,10 +40,5 @@ int set_eth_mac(const char *ifname, const unsigned char *mac) {
     // Some drivers accept a new address only while the interface is down; the caller decides
     // about that, and learns the driver's refusal from the result.
     if (::ioctl(sock.get(), SIOCSIFHWADDR, &ifr) != 0) return errno;
-    return 0;
-}
-
-int add_routes(const char *ifname) {
-    trace::call("add_routes", {trace::text(ifname)});
     return 0;
 }
