@@ -38,6 +38,19 @@ void write_pid_file() {
 
 void make_event_fifo() {
     // An existing FIFO is kept; the mode is forced so the umask cannot narrow it.
+    if (mkfifo(kFailoverFifo, 0664) == 0) {
+        chmod(kFailoverFifo, 0664);
+        return;
+    }
+    // Anything else in its place would be read again at every turn of the controller, the
+    // same tokens acted on each second: it is replaced.
+    struct stat st {};
+    if (errno != EEXIST || lstat(kFailoverFifo, &st) != 0 || S_ISFIFO(st.st_mode)) return;
+    std::fprintf(stderr, "failover: %s is no FIFO, made again\n", kFailoverFifo);
+    if (unlink(kFailoverFifo) != 0 && rmdir(kFailoverFifo) != 0) {
+        std::perror(kFailoverFifo);
+        return;
+    }
     if (mkfifo(kFailoverFifo, 0664) == 0) chmod(kFailoverFifo, 0664);
 }
 
@@ -264,11 +277,28 @@ void handle_failover_event(char code) {
     }
 }
 
-void handle_failover_batch(char *data) {
-    char *save = nullptr;
-    char *token = strtok_r(data, ":", &save);
-    std::fprintf(stderr, "@@@@@@@@@@@@@@@ read token = %s \n", token ? token : "(null)");
-    for (; token; token = strtok_r(nullptr, ":", &save)) handle_failover_event(token[0]);
+std::vector<std::string_view> split_failover_tokens(std::string_view data) {
+    data = data.substr(0, data.find('\0'));
+    std::vector<std::string_view> tokens;
+    while (!data.empty()) {
+        std::size_t start = data.find_first_not_of(':');
+        if (start == std::string_view::npos) break;
+        data.remove_prefix(start);
+        std::size_t end = data.find(':');
+        tokens.push_back(data.substr(0, end));
+        data.remove_prefix(end == std::string_view::npos ? data.size() : end);
+    }
+    return tokens;
+}
+
+void handle_failover_batch(const char *data) {
+    std::vector<std::string_view> tokens = split_failover_tokens(data);
+    if (tokens.empty())
+        std::fprintf(stderr, "@@@@@@@@@@@@@@@ read token = %s \n", "(null)");
+    else
+        std::fprintf(stderr, "@@@@@@@@@@@@@@@ read token = %.*s \n",
+                     static_cast<int>(tokens[0].size()), tokens[0].data());
+    for (std::string_view token : tokens) handle_failover_event(token[0]);
 }
 
 void controller_loop() {
@@ -281,7 +311,10 @@ void controller_loop() {
         }
         File fifo = open_file(kFailoverFifo, "r");  // blocks until a writer opens it
         if (!fifo) {
+            const int err = errno;
             std::perror("Error opening fifo for reading...");
+            // Removed under us: made again, or the monitor's tokens would never arrive.
+            if (err == ENOENT) make_event_fifo();
             sleep(1);
             continue;
         }

@@ -1,6 +1,9 @@
 // The failover daemon: start-up, the monitor process and the controller process.
 #pragma once
 
+#include <string_view>
+#include <vector>
+
 // Detaches, writes the pid file, sets the start-up keys, creates the FIFO and forks into the
 // controller (parent) and the monitor (child). Returns only when start-up failed.
 int failover_main();
@@ -28,9 +31,12 @@ void restart_lte();
 // Acts on one event code, printing its line first; unknown codes do nothing.
 void handle_failover_event(char code);
 
+// The tokens of one read batch (text up to its first NUL): the runs between ":" separators;
+// consecutive separators make no empty token.
+std::vector<std::string_view> split_failover_tokens(std::string_view data);
+
 // Splits one read batch into tokens at ":" and acts on each token's first character.
-// `data` is modified (terminated tokens).
-void handle_failover_batch(char *data);
+void handle_failover_batch(const char *data);
 
 // The controller process: reads the FIFO and acts, forever.
 [[noreturn]] void controller_loop();

@@ -5,11 +5,14 @@
 #include "shared/unique_fd.h"
 
 #include <cjson/cJSON.h>
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -18,6 +21,9 @@
 namespace {
 
 constexpr const char *kSocketPath = "/tmp/cgi-2-sys";
+// A manager that never accepts or never answers must not hold the controller forever: connect
+// and send give up after this long, and the whole reply must have come within it.
+constexpr int kExchangeTimeoutSeconds = 5;
 
 struct JsonDeleter {
     void operator()(cJSON *json) const { cJSON_Delete(json); }
@@ -47,6 +53,9 @@ int f_read_write(const char *request, char *reply, std::size_t size) {
         return -1;
     }
 
+    const timeval limit{kExchangeTimeoutSeconds, 0};
+    setsockopt(sock.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
     std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", kSocketPath);
@@ -73,8 +82,28 @@ int f_read_write(const char *request, char *reply, std::size_t size) {
         left -= static_cast<std::size_t>(n);
     }
 
+    // One limit for the whole reply, so that a manager sending a byte now and then cannot
+    // stretch it either.
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::seconds(kExchangeTimeoutSeconds);
     std::size_t used = 0;
     for (;;) {
+        const auto remaining = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        pollfd ready{sock.get(), POLLIN, 0};
+        int polled =
+            remaining.count() > 0 ? poll(&ready, 1, static_cast<int>(remaining.count())) : 0;
+        if (polled < 0) {
+            if (errno == EINTR) continue;
+            std::printf("f_read_write: wait for %s failed: %s\n", kSocketPath,
+                        std::strerror(errno));
+            return -1;
+        }
+        if (polled == 0) {
+            std::printf("f_read_write: no reply from %s within %d s\n", kSocketPath,
+                        kExchangeTimeoutSeconds);
+            return -1;
+        }
         ssize_t n = read(sock.get(), reply + used, size - used);
         if (n < 0) {
             if (errno == EINTR) continue;
@@ -105,7 +134,10 @@ int connect_disconnect(int mode) {
                   mode);
     char reply[kLteReplySize];
     if (f_read_write(request, reply, sizeof reply) != 0) return -1;
+    return parse_lte_reply(reply, mode);
+}
 
+int parse_lte_reply(const char *reply, int mode) {
     Json root(cJSON_Parse(reply));
     if (!root) {
         std::printf("connect_disconnect: reply is not JSON\n");

@@ -45,7 +45,14 @@ unsigned get_wan_link_status() {
     File f(std::fopen("/proc/wan_status", "rb"));
     if (!f) return 0;
     char line[100] = "";
-    if (!std::fgets(line, sizeof line, f.get())) line[0] = '\0';
+    if (!std::fgets(line, sizeof line, f.get())) {
+        // An empty file reads as link up; one that cannot be read at all tells nothing.
+        if (std::ferror(f.get())) {
+            std::perror("get_wan_link_status: /proc/wan_status");
+            return 0;
+        }
+        line[0] = '\0';
+    }
     return std::strstr(line, "Link Down") ? 0 : 1;
 }
 
@@ -58,22 +65,29 @@ int get_ping_result() {
         return loss;
     }
     std::string line;
-    while (ping.next_line(line)) {
-        int t = 0, r = 0, l = 0;
-        if (std::sscanf(line.c_str(), "%d packets transmitted, %d packets received, %d%% packet loss",
-                        &t, &r, &l) != 3)
-            continue;
-        // A loss outside 0..100 is no ping summary; below 100 would read as reachable.
-        if (l < 0 || l > 100) continue;
-        transmitted = t;
-        received = r;
-        loss = l;
-        break;
-    }
+    while (ping.next_line(line))
+        if (parse_ping_summary(line.c_str(), transmitted, received, loss)) break;
     ping.close();
     std::fprintf(stderr, "%s() [IP=%s,count=%d] %d packets transmitted, %d packets received, %d%% packet loss\n",
                  "get_ping_result", probe_address, 1, transmitted, received, loss);
     return loss;
+}
+
+bool parse_ping_summary(const char *line, int &transmitted, int &received, int &loss) {
+    int t = 0, r = 0, l = 0;
+    if (std::sscanf(line, "%d packets transmitted, %d packets received, %d%% packet loss", &t, &r,
+                    &l) != 3)
+        return false;
+    // A loss outside 0..100 is no ping summary; below 100 would read as reachable.
+    if (l < 0 || l > 100) return false;
+    transmitted = t;
+    received = r;
+    loss = l;
+    return true;
+}
+
+bool route_line_names(const char *line, const char *address) {
+    return std::strstr(line, address) != nullptr;
 }
 
 void select_probe_address() {
@@ -123,7 +137,7 @@ int test_probing_route() {
     }
     std::string line;
     while (route.next_line(line))
-        if (line.find(probe_address) != std::string::npos) return 0;
+        if (route_line_names(line.c_str(), probe_address)) return 0;
     return -1;
 }
 

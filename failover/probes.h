@@ -17,6 +17,13 @@ unsigned get_wan_link_status();
 // Packet loss in percent (0..100) of four pings to the probe address; 100 on any failure.
 int get_ping_result();
 
+// Reads one line of ping output as the summary "T packets transmitted, R packets received,
+// L% packet loss": true, with the three counts, when it is one with a loss of 0..100.
+bool parse_ping_summary(const char *line, int &transmitted, int &received, int &loss);
+
+// Whether a line of the route listing names `address`.
+bool route_line_names(const char *line, const char *address);
+
 // Fills the probe address (configured, resolved default host, or "8.8.8.8") and
 // `wwan_failover_test_ip`.
 void select_probe_address();

@@ -187,8 +187,11 @@ int make_6rd_prefix(char *out, const char *rule_prefix, int ipv4_mask_length, ui
     char parts[10][VESK_TOKEN_SIZE];
     if (getTokens(rule_prefix, "/", parts, 10) != 2) return -1;
     int prefix_length = std::atoi(parts[1]);
-    // Lengths no rule can have are refused rather than computed with.
-    if (prefix_length < 0 || ipv4_mask_length < 0 || ipv4_mask_length > 32) return -1;
+    // Lengths no rule can have are refused rather than computed with (a huge one would
+    // overflow the group count below).
+    if (prefix_length < 0 || prefix_length > 128 || ipv4_mask_length < 0 ||
+        ipv4_mask_length > 32)
+        return -1;
 
     char groups[10][VESK_TOKEN_SIZE];
     int group_count = getTokens(parts[0], ":", groups, 10);

@@ -21,8 +21,6 @@ constexpr const char *kPppTempPath = "/tmp/resolv.ppp";
 constexpr const char *kRemoveTempPath = "/tmp/resolv.tmp";
 constexpr const char *kOptionsLine = "options single-request\n";
 
-// One token of a DNS list: longer addresses are cut to fit.
-constexpr std::size_t kTokenSize = 100;
 // One line of the resolver file per read; a longer line comes in pieces.
 constexpr std::size_t kResolvLineSize = 100;
 // The joined list: room for two full lists and the IPv6 servers; anything beyond is cut.
@@ -38,19 +36,6 @@ using store::get;
 
 bool in_japan_region() {
     return match("sku_name", "JP") || (match("sku_name", "WW") && match("gui_region", "Japanese"));
-}
-
-// Walks a DNS list: skips leading blanks, copies the token up to the next blank into `token`
-// (cut to kTokenSize - 1 characters) and leaves `pos` on the blank after it, or on the end.
-// False at the first empty token, which ends the walk.
-bool next_token(const char *&pos, char (&token)[kTokenSize]) {
-    pos += std::strspn(pos, " ");
-    std::size_t length = std::strcspn(pos, " ");
-    std::size_t kept = length < kTokenSize - 1 ? length : kTokenSize - 1;
-    std::memcpy(token, pos, kept);
-    token[kept] = '\0';
-    pos += length;
-    return kept > 0;
 }
 
 // Appends `text` to the C string in `buf` of `size` bytes, cutting it where the buffer ends.
@@ -153,8 +138,8 @@ void reorder_user_servers(DnsList &list) {
     char routed[kReorderSize] = "";
     bool whole = true;
     const char *pos = get("wan_dns1");
-    char token[kTokenSize];
-    while (next_token(pos, token)) {
+    char token[kDnsTokenSize];
+    while (next_dns_token(pos, token)) {
         char *half = dns_routed_via_wan(token) == 0 ? unrouted : routed;
         whole = append_cut(half, kReorderSize, token) && whole;
         whole = append_cut(half, kReorderSize, " ") && whole;
@@ -218,30 +203,43 @@ void add_ipv6_servers(DnsList &list) {
 // ---- Removal -----------------------------------------------------------------------------
 
 // Outside the Japan region a server stays when it is the last one of its WAN's list.
-bool drop_outside_japan(const char *ifname, const char *address) {
-    const char *pos = get(std::strcmp(ifname, get("wan1_ifname")) == 0 ? "wan1_dns" : "wan_dns");
-    char token[kTokenSize];
-    while (next_token(pos, token))
+bool drop_outside_japan(const char *list, const char *address) {
+    const char *pos = list;
+    char token[kDnsTokenSize];
+    while (next_dns_token(pos, token))
         if (std::strcmp(token, address) == 0) return *pos == ' ';
     return false;
 }
 
-bool drop_in_japan(const char *ifname, const char *address) {
-    const char *key;
-    if (std::strcmp(ifname, "ppp1") == 0)
-        key = match("wan2_dns_sel", "1") ? "wan2_dns1" : "wan2_dns";
-    else if (std::strcmp(ifname, get("wan1_ifname")) == 0)
-        key = "wan1_dns";
-    else
-        key = match("wan_dns_sel", "1") ? "wan_dns1" : "wan_dns";
-    const char *pos = get(key);
-    char token[kTokenSize];
-    while (next_token(pos, token))
+bool drop_in_japan(const char *list, const char *address) {
+    const char *pos = list;
+    char token[kDnsTokenSize];
+    while (next_dns_token(pos, token))
         if (std::strcmp(token, address) == 0) return true;
     return false;
 }
 
+// The DNS list whose servers leave the resolver file when WAN `ifname` goes down.
+const char *list_of_stopping_wan(const char *ifname, bool japan) {
+    bool lte = std::strcmp(ifname, get("wan1_ifname")) == 0;
+    if (!japan) return get(lte ? "wan1_dns" : "wan_dns");
+    if (std::strcmp(ifname, "ppp1") == 0)
+        return get(match("wan2_dns_sel", "1") ? "wan2_dns1" : "wan2_dns");
+    if (lte) return get("wan1_dns");
+    return get(match("wan_dns_sel", "1") ? "wan_dns1" : "wan_dns");
+}
+
 }  // namespace
+
+bool next_dns_token(const char *&pos, char (&token)[kDnsTokenSize]) {
+    pos += std::strspn(pos, " ");
+    std::size_t length = std::strcspn(pos, " ");
+    std::size_t kept = length < kDnsTokenSize - 1 ? length : kDnsTokenSize - 1;
+    std::memcpy(token, pos, kept);
+    token[kept] = '\0';
+    pos += length;
+    return kept > 0;
+}
 
 int update_resolv_conf(const char *ifname) {
     if (!ifname) ifname = "";
@@ -274,11 +272,18 @@ int update_resolv_conf(const char *ifname) {
         std::perror(kResolvPath);
         return err;
     }
-    std::FILE *f = resolv.get();
+    merge_dns_servers(resolv.get(), list.text, session2.get());
+    resolv.reset();
+    session2.reset();
 
-    const char *pos = list.text;
-    char token[kTokenSize];
-    while (next_token(pos, token)) {
+    reload_dnsmasq();
+    return 0;
+}
+
+void merge_dns_servers(std::FILE *f, const char *list, std::FILE *session2) {
+    const char *pos = list;
+    char token[kDnsTokenSize];
+    while (next_dns_token(pos, token)) {
         bool present = seek_server_line(f, token);
         if (is_special_address(token)) {
             std::printf("Bypass special address '%s'\n", token);
@@ -287,18 +292,13 @@ int update_resolv_conf(const char *ifname) {
             std::fprintf(f, "nameserver %s\n", token);
         }
         // The session-2 file takes every token, special addresses included.
-        if (session2) std::fprintf(session2.get(), "nameserver %s\n", token);
+        if (session2) std::fprintf(session2, "nameserver %s\n", token);
     }
 
     // Wherever the last search left the position: the end after an append, just past the
     // matching line otherwise, the start when the list was empty.
     std::fseek(f, 0, SEEK_CUR);
     std::fputs(kOptionsLine, f);
-    resolv.reset();
-    session2.reset();
-
-    reload_dnsmasq();
-    return 0;
 }
 
 void write_ppp_resolv(int mode) {
@@ -318,8 +318,8 @@ void write_ppp_resolv(int mode) {
         return;
     }
     const char *pos = servers;
-    char token[kTokenSize];
-    while (next_token(pos, token)) std::fprintf(f.get(), "nameserver %s\n", token);
+    char token[kDnsTokenSize];
+    while (next_dns_token(pos, token)) std::fprintf(f.get(), "nameserver %s\n", token);
     std::fputs(kOptionsLine, f.get());
     f.reset();
 
@@ -345,15 +345,7 @@ int remove_wan_dns(const char *ifname) {
     }
 
     bool japan = in_japan_region();
-    char line[kResolvLineSize];
-    while (std::fgets(line, sizeof line, in.get())) {
-        const char *first = nullptr, *address = nullptr;
-        split_line(line, first, address);
-        if (!first || !address || std::strcmp(first, "nameserver") != 0) continue;
-        bool drop = japan ? drop_in_japan(ifname, address) : drop_outside_japan(ifname, address);
-        if (!drop) std::fprintf(out.get(), "nameserver %s\n", address);
-    }
-    std::fputs(kOptionsLine, out.get());
+    remove_dns_servers(in.get(), out.get(), list_of_stopping_wan(ifname, japan), japan);
     in.reset();
     out.reset();
 
@@ -365,15 +357,30 @@ int remove_wan_dns(const char *ifname) {
     return 0;
 }
 
+void remove_dns_servers(std::FILE *in, std::FILE *out, const char *list, bool japan) {
+    char line[kResolvLineSize];
+    while (std::fgets(line, sizeof line, in)) {
+        const char *first = nullptr, *address = nullptr;
+        split_line(line, first, address);
+        if (!first || !address || std::strcmp(first, "nameserver") != 0) continue;
+        bool drop = japan ? drop_in_japan(list, address) : drop_outside_japan(list, address);
+        if (!drop) std::fprintf(out, "nameserver %s\n", address);
+    }
+    std::fputs(kOptionsLine, out);
+}
+
 int dns_routed_via_wan(const char *address) {
     char wan_ifname[kWanIfnameSize] = "";
     veskNvramConfig_read("wan_ifname", wan_ifname, sizeof wan_ifname);
     File f = open_file("/proc/net/route", "r");
     if (!f) return 0;
+    return route_table_covers(f.get(), wan_ifname, address);
+}
 
+int route_table_covers(std::FILE *table, const char *wan_ifname, const char *address) {
     in_addr_t target = inet_addr(address ? address : "");
     char line[kRouteLineSize];
-    while (std::fgets(line, sizeof line, f.get())) {
+    while (std::fgets(line, sizeof line, table)) {
         char iface[32];
         unsigned destination = 0, gateway = 0, mask = 0;
         int flags = 0, refcnt = 0, use = 0, metric = 0;

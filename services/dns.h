@@ -1,6 +1,9 @@
 // The resolver file "/tmp/resolv.conf" that dnsmasq reads its upstream servers from.
 #pragma once
 
+#include <cstddef>
+#include <cstdio>
+
 // Merges the DNS list of WAN `ifname` into the resolver file and tells dnsmasq to re-read it.
 // 0, or the error number when a file cannot be opened.
 int update_resolv_conf(const char *ifname);
@@ -15,3 +18,27 @@ int remove_wan_dns(const char *ifname);
 
 // 1 when a route on the WAN interface covers dotted-quad `address`, else 0.
 int dns_routed_via_wan(const char *address);
+
+// ---- The text handling behind them, on open files -----------------------------------------
+
+// One token of a DNS list: a longer address is cut to kDnsTokenSize - 1 characters.
+inline constexpr std::size_t kDnsTokenSize = 100;
+
+// Walks a DNS list: skips leading blanks, copies the token up to the next blank into `token`
+// (cut to fit) and leaves `pos` on the blank after it, or on the end. False at the first empty
+// token, which ends the walk.
+bool next_dns_token(const char *&pos, char (&token)[kDnsTokenSize]);
+
+// Merges the DNS list into the resolver file `resolv` (open "r+"): a server line is appended
+// for each usable token not listed yet, then the options line at the position the last search
+// left. `session2`, when not null, gets a server line for every token.
+void merge_dns_servers(std::FILE *resolv, const char *list, std::FILE *session2);
+
+// Copies the server lines of the resolver file `in` to `out`, less the servers of the DNS list
+// `list` of the WAN that goes down, then the options line. Outside the Japan region the last
+// server of the list stays.
+void remove_dns_servers(std::FILE *in, std::FILE *out, const char *list, bool japan);
+
+// 1 when a line of the kernel's route table `table` (the /proc/net/route format) on interface
+// `wan_ifname` covers dotted-quad `address`, else 0.
+int route_table_covers(std::FILE *table, const char *wan_ifname, const char *address);

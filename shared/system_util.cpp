@@ -7,14 +7,14 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 namespace {
 
 // Leading decimal pid of a process-list line, or nothing when the line does not start with one
 // that fits an int.
-bool leading_int(const std::string &line, int &value) {
-    const char *start = line.c_str();
+bool leading_int(const char *start, int &value) {
     char *end = nullptr;
     errno = 0;
     long parsed = std::strtol(start, &end, 10);
@@ -24,6 +24,12 @@ bool leading_int(const std::string &line, int &value) {
 }
 
 }  // namespace
+
+bool pid_from_ps_line(const char *line, const char *name, int &pid) {
+    if (!std::strstr(line, name) || std::strstr(line, "grep")) return false;
+    leading_int(line, pid);
+    return true;
+}
 
 int get_pid_by_name2(const char *name) {
     if (!name) {
@@ -40,12 +46,8 @@ int get_pid_by_name2(const char *name) {
             return 0;
         }
         std::string line;
-        while (ps.next_line(line)) {
-            if (line.find(name) == std::string::npos) continue;
-            if (line.find("grep") != std::string::npos) continue;
-            leading_int(line, pid);
-            break;
-        }
+        while (ps.next_line(line))
+            if (pid_from_ps_line(line.c_str(), name, pid)) break;
     }
     if (pid > 0) return pid;
     std::fprintf(stderr, "%s(%d) can not find process [%s]\n", "get_pid_by_name2", 136, name);

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "platform/nvram.h"
 #include "platform/vesk_shared.h"
@@ -31,6 +32,35 @@ struct Settings {
     std::array<char, 16> wan_ifname;
     bool is_static;
 };
+
+bool has_control_character(const char *text) {
+    for (; *text != '\0'; ++text)
+        if (static_cast<unsigned char>(*text) < 0x20 || *text == 0x7f) return true;
+    return false;
+}
+
+// The user name goes raw into "user \"%s\"" of the pppd options and into the line-based l2tpd
+// configuration, the server and the connection id into the latter. A line break would start a
+// directive of its own there; a double quote in the name ends pppd's quoting early, and a blank,
+// quote, backslash or '#' besides would let pppd read the rest as options of its own (a
+// "connect" script runs through a shell). Such values are refused before any file is written.
+bool values_fit(const Settings &s) {
+    const char *routine = "start_l2tp_session";
+    const std::pair<const char *, const char *> lines[] = {
+        {"l2tp_user_name", s.user.data()}, {"l2tp_serv_ip", s.server.data()},
+        {"l2tp_conn_id", s.conn_id.data()}};
+    for (const auto &[key, value] : lines) {
+        if (!has_control_character(value)) continue;
+        std::fprintf(stderr, "%s: refused %s holding a control character\n", routine, key);
+        return false;
+    }
+    if (std::strchr(s.user.data(), '"') && std::strpbrk(s.user.data(), " '\\#")) {
+        std::fprintf(stderr, "%s: refused l2tp_user_name that pppd would read as more than a name\n",
+                     routine);
+        return false;
+    }
+    return true;
+}
 
 // Opens `path` for writing; perror with the path when it cannot be.
 File open_or_report(const char *path) {
@@ -136,6 +166,7 @@ void start_l2tp_session(const char *ifname, int unit) {
     s.conn_id = read_value<61>("l2tp_conn_id");
     s.wan_ifname = read_value<16>("wan_ifname");
     s.is_static = match("static_l2tp_enable", "1");
+    if (!values_fit(s)) return;
 
     // All three pairs, before any file is written.
     for (const ppp::PtyNode &node :

@@ -149,6 +149,11 @@ bool merge_resolv_nameservers(const char *servers, size_t line_size) {
         std::perror("/tmp/resolv.conf");
         return false;
     }
+    add_missing_nameservers(f.get(), servers, line_size);
+    return true;
+}
+
+void add_missing_nameservers(std::FILE *f, const char *servers, size_t line_size) {
     std::vector<char> line(line_size);
     const char *p = servers;
     for (;;) {
@@ -160,19 +165,18 @@ bool merge_resolv_nameservers(const char *servers, size_t line_size) {
         p += address.size();
 
         bool listed = false;
-        std::rewind(f.get());
-        while (!listed && std::fgets(line.data(), static_cast<int>(line_size), f.get())) {
+        std::rewind(f);
+        while (!listed && std::fgets(line.data(), static_cast<int>(line_size), f)) {
             char *save = nullptr;
             const char *first = strtok_r(line.data(), " \t\n", &save);
             const char *second = first ? strtok_r(nullptr, " \t\n", &save) : nullptr;
             listed = first && second && std::strcmp(first, "nameserver") == 0 && address == second;
         }
         if (!listed) {
-            std::fseek(f.get(), 0, SEEK_END);
-            std::fprintf(f.get(), "nameserver %s\n", address.c_str());
+            std::fseek(f, 0, SEEK_END);
+            std::fprintf(f, "nameserver %s\n", address.c_str());
         }
     }
-    return true;
 }
 
 void refresh_dns_routes(DnsRouteTable &table, const char *gateway, const char *local_ip,

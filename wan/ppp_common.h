@@ -125,6 +125,9 @@ bool address_carrier(const TunnelCarrier &carrier, bool is_static);
 // characters. False, after perror, when the file cannot be opened.
 bool merge_resolv_nameservers(const char *servers, size_t line_size);
 
+// The same on the resolver file `f` (open "r+"); `line_size` is at least 2.
+void add_missing_nameservers(std::FILE *f, const char *servers, size_t line_size);
+
 // Deletes the host routes of `table` through `gateway`, then refills it from the DNS list
 // "wan_dns1" and adds a host route through `gateway` for each server outside the subnet of
 // `local_ip`/`netmask`. Nothing is routed without a gateway.

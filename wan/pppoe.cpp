@@ -8,6 +8,7 @@
 
 #include "platform/nvram.h"
 #include "platform/vesk_shared.h"
+#include "shared/command.h"
 #include "shared/file.h"
 #include "wan/ppp_common.h"
 #include "wan/ppp_sessions.h"
@@ -68,6 +69,22 @@ void write_resume_file(const char *path, const char *mac_key, const char *id_key
     }
     f.reset();
     unlink(path);
+}
+
+// pppd hands the pty line to a shell. The interface name must be one; the service name is
+// escaped for every character the shell treats specially, but not for control characters, so a
+// line break or a tab in it would start a command of its own there.
+bool pty_values_fit(const Session &s) {
+    const char *routine = "start_pppoe_session";
+    if (!shell::format(routine, "pty 'pppoecd -I %s'", {shell::ifname(s.wan_ifname.data())}))
+        return false;
+    for (const char *p = s.service.data(); *p != '\0'; ++p) {
+        if (static_cast<unsigned char>(*p) >= 0x20 && *p != 0x7f) continue;
+        std::fprintf(stderr, "%s: refused service name with a control character for the pty line\n",
+                     routine);
+        return false;
+    }
+    return true;
 }
 
 bool ktune_wanted() {
@@ -166,6 +183,7 @@ bool write_session2_options(const Session &s, int mtu) {
 // secrets are appended to the first session's, which are rewritten at every start.
 bool prepare_session2(int mtu) {
     Session s = read_session("pppoe2_username", "pppoe2_passwd", "pppoe2_servicename");
+    if (!pty_values_fit(s)) return false;
     write_resume_file("/tmp/ppp/pppoe2_session", "pppoe2_server_mac", "pppoe2_session_id");
     return write_session2_options(s, mtu) &&
            ppp::write_secrets("/tmp/ppp/pap-secrets", "a+", "/tmp/ppp/pap-secrets", s.user.data(),
@@ -193,6 +211,7 @@ void start_dual_access(const char *ifname, int unit) {
 void start_pppoe_session(const char *ifname, int unit) {
     if (ifname == nullptr) ifname = "";
     const Session s = read_session("pppoe_username", "pppoe_passwd", "pppoe_servicename");
+    if (!pty_values_fit(s)) return;
     const bool single_session = is_single_session_pppoe() != 0;
     if (single_session) {
         // IPv6 over the same session needs the link always up.

@@ -7,6 +7,7 @@
 
 #include "platform/nvram.h"
 #include "platform/vesk_shared.h"
+#include "shared/command.h"
 #include "shared/file.h"
 #include "wan/ppp_common.h"
 #include "wan/ppp_sessions.h"
@@ -104,6 +105,10 @@ void start_pptp_session(const char *ifname, int unit) {
     s.gateway = read_value<32>("pptp_gateway");
     s.wan_ifname = read_value<16>("wan_ifname");
     s.is_static = match("static_pptp_enable", "1");
+    // pppd hands the pty line to a shell: the server must be one address or host name there.
+    if (!shell::format("start_pptp_session", "pty 'pptp %s --nolaunchpppd'",
+                       {shell::word(s.server.data())}))
+        return;
 
     int mtu = ppp::decimal_value(veskNvramConfig_get("wan_mtu"));
     // Unsigned on purpose: a negative MTU is clamped too. The key changes only when clamped.

@@ -58,6 +58,23 @@ void LteManager::set_reply(std::string reply) {
     reply_ = std::move(reply);
 }
 
+int LteManager::connections() const {
+    std::lock_guard lock(mutex_);
+    return connections_;
+}
+
+void LteManager::set_behaviour(Behaviour behaviour, std::chrono::milliseconds delay) {
+    std::lock_guard lock(mutex_);
+    behaviour_ = behaviour;
+    delay_ = delay;
+}
+
+bool LteManager::wait_readable(int fd, int timeout_ms) const {
+    pollfd fds[2] = {{fd, POLLIN, 0}, {stop_pipe_[0], POLLIN, 0}};
+    int n = poll(fds, 2, timeout_ms);
+    return n > 0 && !fds[1].revents && fds[0].revents;
+}
+
 void LteManager::serve() {
     for (;;) {
         pollfd fds[2] = {{listener_, POLLIN, 0}, {stop_pipe_[0], POLLIN, 0}};
@@ -71,11 +88,19 @@ void LteManager::serve() {
 }
 
 void LteManager::answer(int client) {
+    Behaviour behaviour;
+    std::chrono::milliseconds delay;
+    {
+        std::lock_guard lock(mutex_);
+        ++connections_;
+        behaviour = behaviour_;
+        delay = delay_;
+    }
+    if (behaviour == Behaviour::closes_at_once) return;
     std::string request;
     char buf[512];
     while (!complete(request)) {
-        pollfd pfd{client, POLLIN, 0};
-        if (poll(&pfd, 1, 5000) <= 0) break;
+        if (!wait_readable(client, 5000)) break;
         ssize_t n = read(client, buf, sizeof buf);
         if (n <= 0) break;
         request.append(buf, static_cast<size_t>(n));
@@ -86,9 +111,19 @@ void LteManager::answer(int client) {
         requests_.push_back(request);
         reply = reply_;
     }
+    if (behaviour == Behaviour::silent) {
+        // Until the client gives up and closes its end.
+        while (wait_readable(client, -1) && read(client, buf, sizeof buf) > 0) {}
+        return;
+    }
+    if (delay.count() > 0) {
+        pollfd stop{stop_pipe_[0], POLLIN, 0};
+        if (poll(&stop, 1, static_cast<int>(delay.count())) > 0) return;  // being stopped
+    }
     if (on_request_) on_request_(request);
     for (size_t done = 0; done < reply.size();) {
-        ssize_t n = write(client, reply.data() + done, reply.size() - done);
+        // The client may have given up already; that must not kill the test.
+        ssize_t n = send(client, reply.data() + done, reply.size() - done, MSG_NOSIGNAL);
         if (n <= 0) break;
         done += static_cast<size_t>(n);
     }

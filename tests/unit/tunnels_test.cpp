@@ -46,7 +46,8 @@ TEST(SixrdPrefix, MakeSixrdPrefix_BuildsDelegatedPrefixOrRefusesTheRule) {
                           Case{"2001:db8::/40", 0, -1, ""},                  // D = 72
                           Case{"2001::/32", 0, -1, ""},                      // too few groups
                           Case{"2001:db8::", 0, -1, ""}, Case{"2001:db8::/32/1", 0, -1, ""},
-                          Case{"2001:db8::/32", 33, -1, ""}}) {
+                          Case{"2001:db8::/32", 33, -1, ""},
+                          Case{"2001:db8::/2147483647", 0, -1, ""}}) {  // no int overflow
         char out[64] = "x";
         EXPECT_EQ(make_6rd_prefix(out, c.prefix, c.mask, kWan), c.rc) << c.prefix;
         EXPECT_EQ(out, "x" + c.out) << c.prefix;

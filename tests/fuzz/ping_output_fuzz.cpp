@@ -1,0 +1,16 @@
+// Ping output: a summary is taken only with a loss of 0..100.
+#include "failover/probes.h"
+#include "fuzz_support.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    for (const std::string &line : fuzz::lines(fuzz::text(data, size))) {
+        int transmitted = -7, received = -7, loss = 100;
+        if (parse_ping_summary(line.c_str(), transmitted, received, loss)) {
+            fuzz::check(loss >= 0 && loss <= 100, "loss outside 0..100");
+            break;
+        }
+        fuzz::check(transmitted == -7 && received == -7 && loss == 100,
+                    "counts changed by a line that is no summary");
+    }
+    return 0;
+}

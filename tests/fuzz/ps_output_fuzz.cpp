@@ -1,0 +1,20 @@
+// Process-list lines: the first part of the input is the name looked up, the rest the listing.
+#include <cstring>
+
+#include "fuzz_support.h"
+#include "shared/system_util.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    std::vector<std::string> in = fuzz::parts(fuzz::text(data, size), 2);
+    const char *name = in[0].c_str();
+    for (const std::string &line : fuzz::lines(in[1])) {
+        int pid = -1;
+        bool taken = pid_from_ps_line(line.c_str(), name, pid);
+        const char *text = line.c_str();
+        fuzz::check(taken == (std::strstr(text, name) && !std::strstr(text, "grep")),
+                    "wrong line taken");
+        if (taken) break;
+        fuzz::check(pid == -1, "pid read from a line not taken");
+    }
+    return 0;
+}

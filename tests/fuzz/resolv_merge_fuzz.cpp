@@ -1,0 +1,28 @@
+// The merge of a DNS list into the resolver file: the first part is the list, the rest the
+// file as it was. With the session-2 file, every token of the list lands there.
+#include <cstring>
+
+#include "fuzz_support.h"
+#include "services/dns.h"
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***) {
+    fuzz::quiet();
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    std::vector<std::string> in = fuzz::parts(fuzz::text(data, size), 2);
+    File resolv = fuzz::memory_file(in[1]);
+    File session2 = fuzz::memory_file("");
+    merge_dns_servers(resolv.get(), in[0].c_str(), session2.get());
+
+    std::string merged = fuzz::contents(resolv.get());
+    fuzz::check(merged.find("options single-request\n") != std::string::npos,
+                "no options line");
+    std::string expected;
+    const char *pos = in[0].c_str();
+    char token[kDnsTokenSize];
+    while (next_dns_token(pos, token)) expected += std::string("nameserver ") + token + "\n";
+    fuzz::check(fuzz::contents(session2.get()) == expected, "session-2 file differs");
+    return 0;
+}

@@ -1,0 +1,22 @@
+// The removal of a WAN's servers from the resolver file: the first part is the WAN's DNS list,
+// the rest the file. The result holds only server lines, then one options line.
+#include "fuzz_support.h"
+#include "services/dns.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    std::vector<std::string> in = fuzz::parts(fuzz::text(data, size), 2);
+    for (bool japan : {false, true}) {
+        File resolv = fuzz::memory_file(in[1], "r");
+        File out = fuzz::memory_file("");
+        remove_dns_servers(resolv.get(), out.get(), in[0].c_str(), japan);
+        std::string kept = fuzz::contents(out.get());
+        static const std::string options = "options single-request\n";
+        fuzz::check(kept.size() >= options.size() &&
+                        kept.compare(kept.size() - options.size(), options.size(), options) == 0,
+                    "file does not end with the options line");
+        for (const std::string &line : fuzz::lines(kept.substr(0, kept.size() - options.size())))
+            fuzz::check(line.rfind("nameserver ", 0) == 0 || line.size() == 255,
+                        "line other than a server line");
+    }
+    return 0;
+}
