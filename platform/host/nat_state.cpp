@@ -40,10 +40,11 @@ bool valid_address(const std::string &text) {
     return inet_pton(AF_INET, text.c_str(), &a) == 1;
 }
 
-// A decimal number in [low, high], nothing else on the text.
-std::optional<long> number_in(const std::string &text, long low, long high) {
+// A decimal number in [low, high], nothing else on the text. 64 bits wide, so that ten digits
+// neither overflow nor lose the upper half of the feature mask on a 32-bit router.
+std::optional<uint64_t> number_in(const std::string &text, uint64_t low, uint64_t high) {
     if (text.empty() || text.size() > 10) return std::nullopt;
-    long v = 0;
+    uint64_t v = 0;
     for (char c : text) {
         if (c < '0' || c > '9') return std::nullopt;
         v = v * 10 + (c - '0');
@@ -140,7 +141,7 @@ std::optional<State> parse(const std::string &text) {
         if (f.empty()) return std::nullopt;
         const std::string &key = f[0];
         if (key == "features" && f.size() == 2) {
-            auto v = number_in(f[1], 0, 0xffffffffL);
+            auto v = number_in(f[1], 0, 0xffffffffu);
             if (!v) return std::nullopt;
             s.features = static_cast<unsigned>(*v);
         } else if (key == "wan" || key == "carrier" || key == "gone") {
@@ -157,7 +158,7 @@ std::optional<State> parse(const std::string &text) {
             if (inet_pton(AF_INET, f[1].c_str(), &a) != 1 || a.s_addr == 0) return std::nullopt;
             s.dmz = a.s_addr;
         } else if (key == "listen" && f.size() == 3) {
-            auto service = number_in(f[1], 0, 0x7fffffffL);
+            auto service = number_in(f[1], 0, 0x7fffffffu);
             auto port = number_in(f[2], 1, 65535);
             if (!service || !port) return std::nullopt;
             s.listen[static_cast<int>(*service)] = static_cast<int>(*port);
