@@ -22,7 +22,6 @@
 
 #include <algorithm>
 #include <set>
-#include <sstream>
 
 namespace nat {
 namespace {
@@ -138,8 +137,8 @@ std::vector<std::pair<std::string, std::string>> untranslated_flows(
         if (end == std::string::npos) end = listing.size();
         // "udp 17 29 src=A dst=B sport=.. dport=.. [UNREPLIED] src=B dst=A sport=.. ..."
         std::vector<std::string> src, dst;
-        std::istringstream words(listing.substr(start, end - start));
-        for (std::string w; words >> w;) {
+        for (const std::string &w :
+             split_words(std::string_view(listing).substr(start, end - start))) {
             if (w.rfind("src=", 0) == 0) src.push_back(w.substr(4));
             if (w.rfind("dst=", 0) == 0) dst.push_back(w.substr(4));
         }

@@ -26,7 +26,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <sstream>
 
 namespace nat {
 namespace {
@@ -98,6 +97,17 @@ bool write_all(int fd, const std::string &data) {
 
 }  // namespace
 
+std::vector<std::string> split_words(std::string_view text) {
+    std::vector<std::string> words;
+    constexpr std::string_view blanks = " \t\r\n\v\f";
+    for (size_t at = text.find_first_not_of(blanks); at != std::string_view::npos;) {
+        size_t end = text.find_first_of(blanks, at);
+        words.emplace_back(text.substr(at, end == std::string_view::npos ? end : end - at));
+        at = end == std::string_view::npos ? end : text.find_first_not_of(blanks, end);
+    }
+    return words;
+}
+
 bool valid_ifname(const char *name) {
     if (name == nullptr) return false;
     size_t n = std::strlen(name);
@@ -132,12 +142,12 @@ std::string serialise(const State &s) {
 
 std::optional<State> parse(const std::string &text) {
     State s;
-    std::istringstream lines(text);
-    std::string line;
-    while (std::getline(lines, line)) {
-        std::vector<std::string> f;
-        std::istringstream words(line);
-        for (std::string w; words >> w;) f.push_back(w);
+    for (size_t start = 0; start < text.size();) {
+        size_t end = text.find('\n', start);
+        if (end == std::string::npos) end = text.size();
+        const std::vector<std::string> f =
+            split_words(std::string_view(text).substr(start, end - start));
+        start = end + 1;
         if (f.empty()) return std::nullopt;
         const std::string &key = f[0];
         if (key == "features" && f.size() == 2) {

@@ -8,6 +8,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace nat {
@@ -39,6 +40,10 @@ struct State {
 // a text no writer of ours makes.
 std::string serialise(const State &state);
 std::optional<State> parse(const std::string &text);
+
+// The blank-separated words of `text` (blanks: space, tab, line ends). Used instead of string
+// streams, which would add their locale machinery to the router's static programs.
+std::vector<std::string> split_words(std::string_view text);
 
 // True when `name` can be an interface name handed to nft: 1 to 15 characters out of letters,
 // digits and "._-+".
