@@ -33,6 +33,14 @@ using std::chrono::milliseconds;
 constexpr const char *kPingOk = "4 packets transmitted, 4 packets received, 0% packet loss\n";
 constexpr const char *kNoReply = "f_read_write: no reply from /tmp/cgi-2-sys within 5 s\n";
 
+// Writes `text` into the controller's FIFO when it has a reader.
+void offer(const std::string &text) {
+    int fd = open("/tmp/f_fifo", O_WRONLY | O_NONBLOCK);
+    if (fd < 0) return;
+    if (write(fd, text.data(), text.size()) < 0) {}
+    close(fd);
+}
+
 int count_of(const std::string &text, const std::string &part) {
     int n = 0;
     for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
@@ -125,11 +133,7 @@ TEST_F(PeerFailures, FifoFlooded_JunkIgnoredAndLaterTokenHandled) {
     for (int round = 0; round < kRounds; ++round) {
         const int reads = count_of(Daemon::console(), read_line);
         ASSERT_TRUE(testroot::wait_for([&] {
-            int fd = open("/tmp/f_fifo", O_WRONLY | O_NONBLOCK);
-            if (fd >= 0) {
-                if (write(fd, junk.data(), junk.size()) < 0) {}
-                close(fd);
-            }
+            offer(junk);
             return testroot::wait_for(
                 [&] { return count_of(Daemon::console(), read_line) > reads; }, milliseconds(200));
         })) << "round " << round;
@@ -137,11 +141,7 @@ TEST_F(PeerFailures, FifoFlooded_JunkIgnoredAndLaterTokenHandled) {
     // A valid token afterwards is still read and acted on (written until a read catches it).
     const char *line = "********** Ethernet WAN link up && current WAN is Ethernet WAN **********\n";
     ASSERT_TRUE(testroot::wait_for([&] {
-        int fd = open("/tmp/f_fifo", O_WRONLY | O_NONBLOCK);
-        if (fd >= 0) {
-            if (write(fd, "1:", 2) < 0) {}
-            close(fd);
-        }
+        offer("1:");
         return Daemon::console_has(line);
     })) << Daemon::console();
 

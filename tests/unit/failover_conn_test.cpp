@@ -61,7 +61,6 @@ protected:
         fifo.emplace();  // after reset(), which empties /tmp
     }
 
-    // Runs ticks until the counter reaches `tick` (the state starts at 0).
     void run_ticks(int count) {
         for (int i = 0; i < count; ++i) monitor_tick(state);
     }
@@ -70,35 +69,25 @@ protected:
     std::optional<FifoReader> fifo;
 };
 
-TEST_F(MonitorTest, LinkDown_WhileOnEthernet_Writes3AtEverySample) {
+TEST_F(MonitorTest, LinkDown_Writes3OnEthernetAtEverySample_4OnLte) {
     testroot::write_file("/proc/wan_status", "Link Down\n");
     run_ticks(15);  // samples at ticks 0, 7 and 14
     EXPECT_EQ(fifo->drain(), "3:3:3:");
     EXPECT_EQ(get("wan_port_status"), "0");
-}
-
-TEST_F(MonitorTest, LinkDown_WhileOnLte_Writes4) {
     veskNvramConfig_set("current_ifname", "rm_usb0");
-    testroot::write_file("/proc/wan_status", "Link Down\n");
-    run_ticks(1);
+    run_ticks(7);
     EXPECT_EQ(fifo->drain(), "4:");
 }
 
-TEST_F(MonitorTest, FailoverInactive_WritesNothingButTicksOnePerSecond) {
+TEST_F(MonitorTest, FailoverInactive_WritesNothing_TicksOnePerSecondWrappingAfter90) {
     veskNvramConfig_set("wwan_wan_type", "0");
     testroot::write_file("/proc/wan_status", "Link Down\n");
-    run_ticks(91);
-    EXPECT_EQ(fifo->drain(), "");
-    EXPECT_EQ(state.tick, 1);
-    EXPECT_EQ(testroot::sleeps_us(), std::vector<unsigned long>(91, 1000000));
-}
-
-TEST_F(MonitorTest, TickCounter_WrapsAfter90To1) {
-    veskNvramConfig_set("wwan_wan_type", "0");
     run_ticks(90);
     EXPECT_EQ(state.tick, 90);
     run_ticks(1);
     EXPECT_EQ(state.tick, 1);
+    EXPECT_EQ(fifo->drain(), "");
+    EXPECT_EQ(testroot::sleeps_us(), std::vector<unsigned long>(91, 1000000));
 }
 
 TEST_F(MonitorTest, ReachabilityOnEthernet_PingAnswered_SetsReadyAndWritesNothing) {
@@ -109,17 +98,11 @@ TEST_F(MonitorTest, ReachabilityOnEthernet_PingAnswered_SetsReadyAndWritesNothin
     EXPECT_EQ(testroot::shell_commands(), std::vector<std::string>{"ping -c 4 198.51.100.7"});
 }
 
-TEST_F(MonitorTest, ReachabilityOnEthernet_AllLost_Writes8) {
-    testroot::script("ping", kPingLost);
-    run_ticks(1);
-    EXPECT_EQ(fifo->drain(), "8:");
-    EXPECT_EQ(get("ether_wan_ready"), "0");
-}
-
-TEST_F(MonitorTest, ReachabilityTest_OnlyAtTick90WithLink) {
+TEST_F(MonitorTest, ReachabilityOnEthernet_AllLost_Writes8AtTicks0And90Only) {
     testroot::script("ping", kPingLost);
     run_ticks(90);  // tick 0 tests; ticks 1..89 do not
     EXPECT_EQ(fifo->drain(), "8:");
+    EXPECT_EQ(get("ether_wan_ready"), "0");
     run_ticks(1);  // tick 90
     EXPECT_EQ(fifo->drain(), "8:");
 }
@@ -250,19 +233,9 @@ TEST_F(ControllerTest, LteProbeTimeout_SwitchesBackOnlyWithEthernetLink) {
     batch("a:");
     EXPECT_EQ(get("current_ifname"), "eth0");
     EXPECT_EQ(get("lte_start"), "0");
-}
-
-TEST_F(ControllerTest, LteUp_ClearsLteStart) {
     veskNvramConfig_set("lte_start", "1");
-    batch("5:");
+    batch("5:");  // LTE up
     EXPECT_EQ(get("lte_start"), "0");
-}
-
-TEST(FailoverEvent, WritesTwoBytesWithoutReaderBlocking) {
-    testroot::reset();
-    FifoReader fifo;
-    EXPECT_TRUE(write_failover_event('7'));
-    EXPECT_EQ(fifo.drain(), "7:");
 }
 
 }  // namespace

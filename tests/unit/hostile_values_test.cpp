@@ -67,17 +67,13 @@ struct Case {
 
 // The tables share one valid setting of every address, so only the key under test is hostile.
 const std::vector<std::pair<const char *, const char *>> kBase = {
-    {"wwan_wan_type", "0"},          {"wwan_failover_ping_ip", "192.0.2.9"},
-    {"wan_gateway", "10.0.0.1"},     {"wan_ipaddr", "10.0.0.2"},
-    {"wan_netmask", "255.255.255.0"}, {"wan_ifname", "eth0"},
-    {"wan1_gateway", "10.1.0.1"},    {"wan1_ifname", "rm_usb0"},
-    {"wan1_ipaddr", "10.1.0.2"},     {"lan_ifname", "br0"},
-    {"pppoe_ifname", "ppp0"},        {"pppoe_dod", "2"},
-    {"pptp_dod", "2"},               {"static_pptp_enable", "1"},
-    {"pptp_user_ip", "10.2.0.2"},    {"pptp_gateway", "10.2.0.1"},
-    {"pptp_serv_ip", "vpn.example.net"}, {"static_l2tp_enable", "1"},
-    {"l2tp_dod", "2"},               {"l2tp_user_ip", "10.3.0.2"},
-    {"l2tp_gateway_ip", "10.3.0.1"}, {"l2tp_serv_ip", "192.0.2.1"},
+    {"wwan_wan_type", "0"}, {"wwan_failover_ping_ip", "192.0.2.9"}, {"wan_gateway", "10.0.0.1"},
+    {"wan_ipaddr", "10.0.0.2"}, {"wan_netmask", "255.255.255.0"}, {"wan_ifname", "eth0"},
+    {"wan1_gateway", "10.1.0.1"}, {"wan1_ifname", "rm_usb0"}, {"wan1_ipaddr", "10.1.0.2"},
+    {"lan_ifname", "br0"}, {"pppoe_ifname", "ppp0"}, {"pppoe_dod", "2"}, {"pptp_dod", "2"},
+    {"static_pptp_enable", "1"}, {"pptp_user_ip", "10.2.0.2"}, {"pptp_gateway", "10.2.0.1"},
+    {"pptp_serv_ip", "vpn.example.net"}, {"static_l2tp_enable", "1"}, {"l2tp_dod", "2"},
+    {"l2tp_user_ip", "10.3.0.2"}, {"l2tp_gateway_ip", "10.3.0.1"}, {"l2tp_serv_ip", "192.0.2.1"},
 };
 
 void probe_then(int (*step)()) {
@@ -289,9 +285,7 @@ TEST_F(HostileValues, MissingOrUnreadableFiles_RoutinesReportAndGoOn) {
         veskNvramConfig_set("wwan_failover_ping_ip", "192.0.2.9");
         testroot::script("ping", "4 packets transmitted, 4 packets received, 0% packet loss\n");
         std::remove(f.path);
-        if (f.directory) {
-            ASSERT_EQ(mkdir(f.path, 0755), 0) << f.path;
-        }
+        ASSERT_TRUE(!f.directory || mkdir(f.path, 0755) == 0) << f.path;
         const std::string label = std::string(f.path) + (f.directory ? " as a directory" : " missing");
 
         CaptureStdout();

@@ -32,6 +32,7 @@
 
 using testing::HasSubstr;
 using testing::Not;
+using namespace std::string_literals;
 
 namespace {
 
@@ -89,10 +90,7 @@ size_t nft_runs() { return testroot::calls_of("nft").size(); }
 
 class NatLibrary : public testing::Test {
 protected:
-    void SetUp() override {
-        if (!testroot::inside()) GTEST_SKIP() << "needs the test root";
-        testroot::reset();
-    }
+    void SetUp() override { testroot::reset(); }
 };
 
 TEST(NatRuleset, FullState_IsExactText_NothingHooked_KeepsEmptyChains) {
@@ -252,18 +250,24 @@ TEST_F(NatLibrary, ProcessesHookingAtOnce_LoseNothing) {
 
 constexpr const char *kServer = "203.0.113.1";
 
-int udp_socket(const char *address, int port) {
-    int s = socket(AF_INET, SOCK_DGRAM, 0);
+sockaddr_in address_of(const char *address, int port) {
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_port = htons(static_cast<uint16_t>(port));
     inet_pton(AF_INET, address, &a.sin_addr);
+    return a;
+}
+
+int bound(int type, const char *address, int port) {
+    int s = socket(AF_INET, type, 0), one = 1;
+    setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    sockaddr_in a = address_of(address, port);
     return bind(s, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0 ? s : -1;
 }
 
 // Answers every datagram with the address it came from.
 int udp_echo_server() {
-    int s = udp_socket(kServer, 9000);
+    int s = bound(SOCK_DGRAM, kServer, 9000);
     for (;;) {
         char buf[64];
         sockaddr_in from{};
@@ -278,12 +282,9 @@ int udp_echo_server() {
 
 // One flow: a datagram every 20 ms from one source port; every answer appended to `log`.
 int udp_stream(const char *log) {
-    int s = udp_socket("0.0.0.0", 40000);
+    int s = bound(SOCK_DGRAM, "0.0.0.0", 40000);
     FILE *out = std::fopen(log, "a");
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(9000);
-    inet_pton(AF_INET, kServer, &to.sin_addr);
+    sockaddr_in to = address_of(kServer, 9000);
     for (;;) {
         sendto(s, "x", 1, 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
         pollfd p{s, POLLIN, 0};
@@ -297,23 +298,14 @@ int udp_stream(const char *log) {
 }
 
 int tcp_listen(int port) {
-    int s = socket(AF_INET, SOCK_STREAM, 0);
-    int one = 1;
-    setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(static_cast<uint16_t>(port));
-    bind(s, reinterpret_cast<sockaddr *>(&a), sizeof a);
-    return listen(s, 16) == 0 ? s : -1;
+    int s = bound(SOCK_STREAM, "0.0.0.0", port);
+    return s >= 0 && listen(s, 16) == 0 ? s : -1;
 }
 
 // 0 when a TCP connection to address:port is made within half a second.
 int tcp_connects(const char *address, int port) {
     int s = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(static_cast<uint16_t>(port));
-    inet_pton(AF_INET, address, &a.sin_addr);
+    sockaddr_in a = address_of(address, port);
     if (connect(s, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 && errno != EINPROGRESS) return 1;
     pollfd p{s, POLLOUT, 0};
     if (poll(&p, 1, 500) != 1) return 2;
@@ -326,7 +318,6 @@ int tcp_connects(const char *address, int port) {
 class NatKernel : public testing::Test {
 protected:
     void SetUp() override {
-        if (!testroot::inside()) GTEST_SKIP() << "needs the test root";
         testroot::reset();
         // The real programs, ahead of the stand-ins; the kernel's sysctl tree under /proc/sys.
         setenv("PATH", ("/host/usr/sbin:/host/usr/bin:" + std::string(getenv("PATH"))).c_str(), 1);
@@ -339,11 +330,9 @@ protected:
         for (const std::string &c :
              {"link add br0 type veth peer name lan0 netns " + lan,
               "link add eth0 type veth peer name x0 netns " + isp,
-              "link add rm_usb0 type veth peer name x1 netns " + isp,
-              std::string("addr add 192.168.1.1/24 dev br0"), std::string("addr add 10.0.1.2/24 dev eth0"),
-              std::string("addr add 10.0.2.2/24 dev rm_usb0"), std::string("link set br0 up"),
-              std::string("link set eth0 up"), std::string("link set rm_usb0 up"),
-              std::string("route add default via 10.0.1.1")})
+              "link add rm_usb0 type veth peer name x1 netns " + isp, "addr add 192.168.1.1/24 dev br0"s,
+              "addr add 10.0.1.2/24 dev eth0"s, "addr add 10.0.2.2/24 dev rm_usb0"s, "link set br0 up"s,
+              "link set eth0 up"s, "link set rm_usb0 up"s, "route add default via 10.0.1.1"s})
             ASSERT_EQ(netns::ip_here(c), 0) << c;
         for (const char *c : {"addr add 192.168.1.10/24 dev lan0", "link set lan0 up",
                               "route add default via 192.168.1.1"})

@@ -63,10 +63,7 @@ std::string stderr_of(F f) {
 
 class PlatformServices : public testing::Test {
 protected:
-    void SetUp() override {
-        if (!testroot::inside()) GTEST_SKIP() << "needs the test root";
-        testroot::reset();
-    }
+    void SetUp() override { testroot::reset(); }
     // Both ends up, so veth0 has a carrier and a subnet for gateways.
     static void veth_up() {
         sh(kIp + " link set veth0 up && " + kIp + " link set veth1 up && " + kIp +
@@ -164,7 +161,6 @@ class OpenVpnFiles : public PlatformServices {
 protected:
     void SetUp() override {
         PlatformServices::SetUp();
-        if (IsSkipped()) return;
         for (auto [key, value] : {std::pair{"openvpnActive", "enable"},
                                   {"lan_ipaddr", "192.168.1.1"},
                                   {"lan_netmask", "255.255.255.0"},

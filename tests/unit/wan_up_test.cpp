@@ -80,7 +80,6 @@ volatile sig_atomic_t ddns_signals = 0;
 class WanUp : public testing::Test {
 protected:
     void SetUp() override {
-        if (!testroot::inside()) GTEST_SKIP() << "needs the test root";
         testroot::reset();
         set({{"wwan_wan_type", "2"}, {"current_ifname", "eth0"}, {"wan_proto", "dhcp"},
              {"wan_ifname", "eth0"}, {"wan_gateway", "10.0.0.1"}, {"wan_ipaddr", "10.0.0.2"},
@@ -199,19 +198,12 @@ TEST_F(WanUp, FeatureMask_FollowsProtocolAndQosSwitches) {
     }
 }
 
-TEST_F(WanUp, ShellMetacharacters_AreRefusedNotRun) {
-    const std::pair<const char *, Keys> cases[] = {
-        {"eth0", {{"wan_gateway", "10.0.0.1; reboot"}}},
-        {"eth0", {{"wan_ifname", "eth0`reboot`"}}},
-        {"ppp0;reboot", {{"wan_proto", "pppoe"}}},
-    };
-    for (const auto &[ifname, keys] : cases) {
-        SetUp();
-        set(keys);
-        EXPECT_THAT(output_of([ifname] { wan_up(ifname); }, true), HasSubstr("wan_up: refused value"));
-        EXPECT_THAT(testroot::shell_commands(), Not(Contains(HasSubstr("reboot"))));
-        EXPECT_THAT(wan_commands(), Contains("killall -SIGUSR2 check_fw"));
-    }
+// Stored values are covered with the other hostile values; the interface comes from pppd.
+TEST_F(WanUp, ShellMetacharactersInInterface_RefusedNotRun_FirewallStillSignalled) {
+    set({{"wan_proto", "pppoe"}});
+    EXPECT_THAT(output_of([] { wan_up("ppp0;reboot"); }, true), HasSubstr("wan_up: refused value"));
+    EXPECT_THAT(testroot::shell_commands(), Not(Contains(HasSubstr("reboot"))));
+    EXPECT_THAT(wan_commands(), Contains("killall -SIGUSR2 check_fw"));
 }
 
 TEST_F(WanUp, StartWanNat_HooksPerModeAndSessionStatus) {
