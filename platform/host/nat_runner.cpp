@@ -24,6 +24,7 @@ namespace nat {
 namespace {
 
 using host::UniqueFd;
+using host::write_all;
 
 struct Report {
     int tag;    // 'E': value is errno of a failed start; 'S': value is the program's status
@@ -34,17 +35,6 @@ void send_report(int fd, int tag, int value) {
     Report r{tag, value};
     ssize_t n = ::write(fd, &r, sizeof r);  // below PIPE_BUF: written whole or not at all
     (void)n;
-}
-
-bool write_all(int fd, const std::string &data) {
-    size_t done = 0;
-    while (done < data.size()) {
-        ssize_t n = ::write(fd, data.data() + done, data.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) return false;
-        done += static_cast<size_t>(n);
-    }
-    return true;
 }
 
 // In the middle process: starts the program and reports how it ended. Never returns.

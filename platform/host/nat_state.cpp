@@ -31,6 +31,7 @@ namespace nat {
 namespace {
 
 using host::UniqueFd;
+using host::write_all;
 
 std::string address_field(const std::string &address) { return address.empty() ? "-" : address; }
 
@@ -82,17 +83,6 @@ std::optional<std::string> read_file(const char *path, int &err) {
         if (n == 0) return data;
         data.append(chunk, static_cast<size_t>(n));
     }
-}
-
-bool write_all(int fd, const std::string &data) {
-    size_t done = 0;
-    while (done < data.size()) {
-        ssize_t n = ::write(fd, data.data() + done, data.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) return false;
-        done += static_cast<size_t>(n);
-    }
-    return true;
 }
 
 }  // namespace

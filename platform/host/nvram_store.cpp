@@ -38,6 +38,7 @@ namespace {
 constexpr const char *default_path = "/var/lib/failover/nvram";
 
 using Fd = host::UniqueFd;
+using host::write_all;
 
 struct Entry {
     std::string value;
@@ -130,16 +131,6 @@ std::optional<std::string> read_all(int fd, size_t size_hint) {
         if (n == 0) return data;
         data.append(chunk, static_cast<size_t>(n));
     }
-}
-
-bool write_all(int fd, std::string_view data) {
-    while (!data.empty()) {
-        ssize_t n = ::write(fd, data.data(), data.size());
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) return false;
-        data.remove_prefix(static_cast<size_t>(n));
-    }
-    return true;
 }
 
 std::string parent_dir(const std::string &path) {

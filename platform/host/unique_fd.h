@@ -1,8 +1,10 @@
-// A file descriptor closed when its owner goes out of scope. Host-internal.
+// A file descriptor closed when its owner goes out of scope, and a whole write. Host-internal.
 #pragma once
 
 #include <unistd.h>
 
+#include <cerrno>
+#include <string_view>
 #include <utility>
 
 namespace host {
@@ -34,5 +36,16 @@ public:
 private:
     int fd_ = -1;
 };
+
+// Writes all of `data`, resuming after signals and short writes. False on an error (errno set).
+inline bool write_all(int fd, std::string_view data) {
+    while (!data.empty()) {
+        ssize_t n = ::write(fd, data.data(), data.size());
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return false;
+        data.remove_prefix(static_cast<size_t>(n));
+    }
+    return true;
+}
 
 }  // namespace host
