@@ -9,13 +9,33 @@ ARM_BUILD ?= build-arm
 ARM_EXCLUDE = $(shell sed -e '/^\#/d' -e '/^[[:space:]]*$$/d' -e 's/[[:space:]].*//' \
                           tests/qemu-excluded.txt | paste -sd '|')
 
-.PHONY: test demo deps build arm-test arm-build arm-deps
+.PHONY: test demo sim-bench soak sim-build deps build arm-test arm-build arm-deps
+.PHONY: sanitize-test sanitize-build fuzz
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
-demo: build
-	@echo "make demo: the simulated router is not built yet; nothing to run."
+# The simulated router (sim/README.md): the cable pulled and returned, in real time, about
+# two and a half minutes; prints the table and where the table and the picture are.
+demo: sim-build
+	sim/run cable-pull --build $(BUILD)
+
+# Outage figures (the cable-pull scenario in real time), then the CPU time and memory of the
+# daemon's two processes over 15 minutes of idle daemon time run 10x accelerated, scaled to an hour.
+sim-bench: sim-build
+	sim/run cable-pull --build $(BUILD) --out $(BUILD)/sim-bench/cable-pull
+	sim/run idle --build $(BUILD) --out $(BUILD)/sim-bench/idle --fast 10 --idle 900
+	@cat $(BUILD)/sim-bench/idle/bench.txt
+
+# 206 link flaps in the simulated router, 10x accelerated (about four minutes): fails when the
+# daemon's descriptors, child processes or memory grow, or the router does not end on Ethernet.
+soak: sim-build
+	sim/run soak --build $(BUILD) --fast 10
+
+# Only what the simulation runs, so that a first `make demo` builds in a minute or two.
+sim-build: deps
+	cmake -S . -B $(BUILD)
+	cmake --build $(BUILD) -j $(JOBS) --target sim sleep_shim
 
 build: deps
 	cmake -S . -B $(BUILD)
@@ -42,3 +62,29 @@ arm-build: arm-deps
 arm-deps:
 	tools/install-deps $(ARM_BUILD)
 	tools/install-deps-arm $(ARM_BUILD)
+
+# Every test (unit, program, simulation) built with AddressSanitizer and
+# UndefinedBehaviorSanitizer; any report fails its test. The settings are compiled in
+# (tests/sanitize/defaults.c); ASAN_OPTIONS and UBSAN_OPTIONS add to them.
+SAN_BUILD ?= build-asan
+# The soak is left out: its memory figures measure the daemon, and ASan's quarantine holds
+# freed memory on purpose.
+sanitize-test: sanitize-build
+	cd $(SAN_BUILD) && ctest --output-on-failure -j $(JOBS) -E '^SimSoak_FlapsLeaveNoGrowth$$'
+
+sanitize-build:
+	tools/install-deps $(SAN_BUILD)
+	cmake -S . -B $(SAN_BUILD) -DFAILOVER_SANITIZE=ON -DFAILOVER_BENCHMARKS=OFF \
+	    -DCMAKE_BUILD_TYPE=Debug
+	cmake --build $(SAN_BUILD) -j $(JOBS)
+
+# libFuzzer over every parser (tests/fuzz): FUZZ_RUNS inputs per target from its seed corpus;
+# the first crash, leak or failed check stops it with the reproducer's path.
+FUZZ_BUILD ?= build-fuzz
+FUZZ_RUNS ?= 50000
+fuzz:
+	tools/install-deps $(FUZZ_BUILD) --fuzz
+	cmake -S . -B $(FUZZ_BUILD) -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+	    -DFAILOVER_FUZZ=ON -DFAILOVER_TESTS=OFF
+	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzz_targets
+	tests/fuzz/run $(FUZZ_BUILD) $(FUZZ_RUNS)
