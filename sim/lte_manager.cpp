@@ -283,9 +283,10 @@ int main(int argc, char **argv) {
     signal(SIGPIPE, SIG_IGN);
     signal(SIGCHLD, SIG_IGN);  // the DHCP clients are reaped by the system
 
+    // The modem's keys stand before the socket appears: whoever finds the socket may read them.
+    Modem modem(attach_delay);
     UniqueFd listener(listen_on_socket());
     if (!listener.is_open()) return 1;
-    Modem modem(attach_delay);
     say("listening on %s", kSocketPath);
     while (!g_stop) {
         pollfd pfd{listener.get(), POLLIN, 0};
