@@ -33,12 +33,6 @@ struct Settings {
     bool is_static;
 };
 
-bool has_control_character(const char *text) {
-    for (; *text != '\0'; ++text)
-        if (static_cast<unsigned char>(*text) < 0x20 || *text == 0x7f) return true;
-    return false;
-}
-
 // The user name goes raw into "user \"%s\"" of the pppd options and into the line-based l2tpd
 // configuration, the server and the connection id into the latter. A line break would start a
 // directive of its own there; a double quote in the name ends pppd's quoting early, and a blank,
@@ -50,7 +44,7 @@ bool values_fit(const Settings &s) {
         {"l2tp_user_name", s.user.data()}, {"l2tp_serv_ip", s.server.data()},
         {"l2tp_conn_id", s.conn_id.data()}};
     for (const auto &[key, value] : lines) {
-        if (!has_control_character(value)) continue;
+        if (!ppp::has_control_character(value)) continue;
         std::fprintf(stderr, "%s: refused %s holding a control character\n", routine, key);
         return false;
     }

@@ -55,6 +55,12 @@ namespace ppp {
 
 bool match(const char *key, const char *value) { return veskNvramConfig_match(key, value) != 0; }
 
+bool has_control_character(const char *text) {
+    for (; *text != '\0'; ++text)
+        if (static_cast<unsigned char>(*text) < 0x20 || *text == 0x7f) return true;
+    return false;
+}
+
 bool japan_region() {
     return match("sku_name", "JP") || (match("sku_name", "WW") && match("gui_region", "Japanese"));
 }

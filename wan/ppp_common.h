@@ -55,6 +55,10 @@ void set_number(const char *key, int value);
 bool japan_region();
 bool match(const char *key, const char *value);
 
+// True when `text` holds a control character (below 0x20, or DEL): in pppd's options and the
+// line-based helper files such a byte would start a line or a command of its own.
+bool has_control_character(const char *text);
+
 // Writes one secrets line ("\"user\" * \"password\" *") to `path` opened with `mode`, then
 // gives the file mode 0666. False, after perror with `error_label`, when it cannot be opened.
 bool write_secrets(const char *path, const char *mode, const char *error_label, const char *user,

@@ -78,13 +78,10 @@ bool pty_values_fit(const Session &s) {
     const char *routine = "start_pppoe_session";
     if (!shell::format(routine, "pty 'pppoecd -I %s'", {shell::ifname(s.wan_ifname.data())}))
         return false;
-    for (const char *p = s.service.data(); *p != '\0'; ++p) {
-        if (static_cast<unsigned char>(*p) >= 0x20 && *p != 0x7f) continue;
-        std::fprintf(stderr, "%s: refused service name with a control character for the pty line\n",
-                     routine);
-        return false;
-    }
-    return true;
+    if (!ppp::has_control_character(s.service.data())) return true;
+    std::fprintf(stderr, "%s: refused service name with a control character for the pty line\n",
+                 routine);
+    return false;
 }
 
 bool ktune_wanted() {
