@@ -24,28 +24,18 @@
 #include "shared/ifconfig.h"
 #include "wan/ppp_sessions.h"
 #include "shared/store.h"
+#include "shared/settings.h"
 
 namespace {
 
+using store::get;
 using store::match;
-
 using store::set;
-
-std::string get(const char *key) { return veskNvramConfig_get(key); }
 
 // Interface name, protocol and MAC text are read into 20-byte buffers: a longer value is cut
 // to 19 characters, and the cut value is what the rest of the start uses.
 using ShortValue = std::array<char, 20>;
-
-ShortValue read_short(const char *key) {
-    ShortValue v{};
-    veskNvramConfig_read(key, v.data(), v.size());
-    return v;
-}
-
-bool japan_region() {
-    return match("sku_name", "JP") || (match("sku_name", "WW") && match("gui_region", "Japanese"));
-}
+ShortValue read_short(const char *key) { return store::read_value<20>(key); }
 
 // Makes a directory with exactly `mode` (not narrowed by the umask); an existing one is kept.
 void make_directory(const char *path, mode_t mode) {
@@ -103,7 +93,7 @@ void make_hook_links() {
     symlink("/sbin/vesk_service", "/tmp/ppp/ip-up");
     symlink("/sbin/vesk_service", "/tmp/ppp/ip-down");
     symlink("/sbin/vesk_service", "/tmp/udhcpc");
-    if (japan_region()) {
+    if (in_japan_region()) {
         make_directory("/tmp/ppp/peers", 0777);
         symlink("/usr/sbin/pppoecd", "/tmp/pppoecd2");
     }
@@ -123,10 +113,10 @@ void program_wan_mac(const char *routine, const char *ifname) {
 void reset_address_keys(bool is_static) {
     if (is_static) {
         set("static_if_status", "0");
-        set("wan_ipaddr", get("wan_static_ipaddr").c_str());
-        set("wan_netmask", get("wan_static_netmask").c_str());
-        set("wan_gateway", get("wan_static_gateway").c_str());
-        set("wan_dns", get("wan_static_dns").c_str());
+        set("wan_ipaddr", get("wan_static_ipaddr"));
+        set("wan_netmask", get("wan_static_netmask"));
+        set("wan_gateway", get("wan_static_gateway"));
+        set("wan_dns", get("wan_static_dns"));
         set("wan_ipaddr_old", "0.0.0.0");
         return;
     }
@@ -153,7 +143,7 @@ std::optional<int> start_ether_wan(const char *routine, bool probe) {
     set("first_wan_status", "0");
     if (!match("ipv6ready", "1")) ipv6_prepare_wan();
     make_hook_links();
-    if (!probe) agApi_natSetRegion(japan_region() ? "Japanese" : get("sku_lang").c_str());
+    if (!probe) agApi_natSetRegion(in_japan_region() ? "Japanese" : get("sku_lang"));
 
     ShortValue ifname_buf = read_short("wan_ifname");
     ShortValue proto_buf = read_short("wan_proto");
@@ -169,8 +159,8 @@ std::optional<int> start_ether_wan(const char *routine, bool probe) {
 
     if (proto == "pppoe") {
         if (match("static_pppoe_enable", "1")) {
-            ifconfig(ifname, kWanInterfaceFlags, get("pppoe_user_ip").c_str(),
-                     get("pppoe_localnetmask").c_str());
+            ifconfig(ifname, kWanInterfaceFlags, get("pppoe_user_ip"),
+                     get("pppoe_localnetmask"));
             second_wan_up(ifname);
         }
         start_pppoe_session(ifname, 0);
@@ -188,8 +178,8 @@ std::optional<int> start_ether_wan(const char *routine, bool probe) {
             (match("bpa_dod", "2") && match("run_test", "1")))
             start_daemon_to_console({"bpa_monitor"});
     } else if (proto == "static") {
-        ifconfig(ifname, kWanInterfaceFlags, get("wan_ipaddr").c_str(),
-                 get("wan_netmask").c_str());
+        ifconfig(ifname, kWanInterfaceFlags, get("wan_ipaddr"),
+                 get("wan_netmask"));
         wan_up(ifname);
         if (!probe) set("static_if_status", "1");
     } else {
@@ -237,10 +227,10 @@ void run_numbered(const char *routine, int n, const char *format,
 void stop_static_wan() {
     const char *routine = "stop_ether_wan";
     // What ran is kept as the next static start's settings.
-    set("wan_static_ipaddr", get("wan_ipaddr").c_str());
-    set("wan_static_netmask", get("wan_netmask").c_str());
-    set("wan_static_gateway", get("wan_gateway").c_str());
-    set("wan_static_dns", get("wan_dns").c_str());
+    set("wan_static_ipaddr", get("wan_ipaddr"));
+    set("wan_static_netmask", get("wan_netmask"));
+    set("wan_static_gateway", get("wan_gateway"));
+    set("wan_static_dns", get("wan_dns"));
 
     shell::run(routine, "route delete default");
 
@@ -327,5 +317,5 @@ void stop_ether_wan() {
 
 void stop_lte_dhcp_client() {
     end_dhcp_client("udhcpc1", "/var/run/udhcpc1.pid");
-    remove_wan_dns(get("wan1_ifname").c_str());
+    remove_wan_dns(get("wan1_ifname"));
 }

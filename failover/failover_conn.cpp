@@ -10,7 +10,7 @@
 #include <cstring>
 
 #include "failover/ether_wan.h"
-#include "failover/failover_event.h"
+#include "shared/failover_event.h"
 #include "failover/lte_control.h"
 #include "failover/probes.h"
 #include "failover/wan_clients.h"
@@ -64,7 +64,8 @@ void link_sample() {
     }
     std::fprintf(stderr, "@@@@@@@@@@@@@@@@@@Ether port link down@@@@@@@@@@@@@@@@@@@@@@@@@\n");
     set("wan_port_status", "0");
-    write_failover_event(match("current_ifname", "eth0") ? '3' : '4');
+    write_failover_event(match("current_ifname", "eth0") ? event::kLinkDownOnEthernet
+                                                         : event::kLinkDownOnLte);
 }
 
 // While LTE carries the traffic: start the Ethernet WAN for a test, then take it down again.
@@ -98,14 +99,14 @@ void reachability_test() {
     bool up = match("current_ifname", "rm_usb0") ? probe_ethernet_while_on_lte() : ping_on_ethernet();
     if (up) {
         std::fprintf(stderr, "@@@@@@@@@@@@@@@@@@Ether Internet up@@@@@@@@@@@@@@@@@@@@@@@@@\n");
-        if (match("current_ifname", "rm_usb0")) write_failover_event('7');
+        if (match("current_ifname", "rm_usb0")) write_failover_event(event::kInternetUpOnLte);
         return;
     }
     std::fprintf(stderr, "@@@@@@@@@@@@@@@@@@Ether Internet down@@@@@@@@@@@@@@@@@@@@@@@@@\n");
     if (match("current_ifname", "eth0"))
-        write_failover_event('8');
+        write_failover_event(event::kInternetDownOnEthernet);
     else if (match("current_ifname", "rm_usb0"))
-        write_failover_event('9');
+        write_failover_event(event::kInternetDownOnLte);
 }
 
 void lte_supervision(MonitorState &state) {
@@ -119,7 +120,7 @@ void lte_supervision(MonitorState &state) {
         return;
     }
     if (++state.lte_wait > 59) {
-        write_failover_event('a');
+        write_failover_event(event::kLteConnectTimedOut);
         state.lte_wait = 0;
     }
 }
@@ -233,41 +234,41 @@ void restart_lte() {
 
 void handle_failover_event(char code) {
     switch (code) {
-        case '1':
+        case event::kLinkUpOnEthernet:
             print_event_line("Ethernet WAN link up && current WAN is Ethernet WAN");
             break;
-        case '2':
+        case event::kLinkUpOnLte:
             print_event_line("Ethernet WAN link up && current WAN is LTE WAN");
             break;
-        case '3':
+        case event::kLinkDownOnEthernet:
             print_event_line("Ethernet WAN link down && current WAN is Ethernet WAN");
             switch_to_lte();
             break;
-        case '4':
+        case event::kLinkDownOnLte:
             print_event_line("Ethernet WAN link down && current WAN is LTE WAN");
             keep_or_restart_lte();
             break;
-        case '5':
+        case event::kLteUp:
             print_event_line("LTE connection is up");
             set("lte_start", "0");
             break;
-        case '6':
+        case event::kLteDown:
             print_event_line("LTE connection is down");
             if (match("wan_port_status", "1")) switch_to_ethernet();
             break;
-        case '7':
+        case event::kInternetUpOnLte:
             print_event_line("Ethernet WAN Internet is up && current WAN is LTE WAN");
             switch_to_ethernet_clearing_lte_start();
             break;
-        case '8':
+        case event::kInternetDownOnEthernet:
             print_event_line("Ethernet WAN Internet is down && current WAN is Ethernet WAN");
             switch_to_lte();
             break;
-        case '9':
+        case event::kInternetDownOnLte:
             print_event_line("Ethernet WAN Internet is down && current WAN is LTE WAN");
             keep_or_restart_lte();
             break;
-        case 'a':
+        case event::kLteConnectTimedOut:
             print_event_line(
                 "current WAN is LTE WAN && n seconds probing LTE connection failed");
             if (match("wan_port_status", "1")) switch_to_ethernet_clearing_lte_start();

@@ -3,6 +3,7 @@
 
 #include "platform/nvram.h"
 #include "shared/unique_fd.h"
+#include "shared/store.h"
 
 #include <cjson/cJSON.h>
 #include <poll.h>
@@ -168,8 +169,8 @@ int parse_lte_reply(const char *reply, int mode) {
 }
 
 void lte_connect() {
-    veskNvramConfig_set("wwan_runtime_state", "--");
-    veskNvramConfig_set("lte_start", "1");
+    store::set("wwan_runtime_state", "--");
+    store::set("lte_start", "1");
     int ret = connect_disconnect(1);
     if (ret == 0)
         std::puts("connect apply OK!");
@@ -177,7 +178,7 @@ void lte_connect() {
         std::printf("connect apply fail! ret=%d\n", ret);
     for (int i = 0; i < 5; ++i) {
         sleep(3);
-        if (veskNvramConfig_match("wwan_runtime_state", "Connected")) break;
+        if (store::match("wwan_runtime_state", "Connected")) break;
     }
 }
 

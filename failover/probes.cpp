@@ -4,6 +4,7 @@
 
 #include "platform/nvram.h"
 #include "shared/command.h"
+#include "shared/store.h"
 
 #include <arpa/inet.h>
 #include <netdb.h>
@@ -91,10 +92,10 @@ bool route_line_names(const char *line, const char *address) {
 }
 
 void select_probe_address() {
-    const char *configured = veskNvramConfig_get("wwan_failover_ping_ip");
+    const char *configured = store::get("wwan_failover_ping_ip");
     if (std::strcmp(configured, "0.0.0.0") != 0 && configured[0] != '\0') {
         set_probe_address(configured);
-        veskNvramConfig_set("wwan_failover_test_ip", probe_address);
+        store::set("wwan_failover_test_ip", probe_address);
         return;
     }
 
@@ -114,17 +115,17 @@ void select_probe_address() {
     }
 
     if (std::strcmp(probe_address, "0.0.0.0") == 0) set_probe_address("8.8.8.8");
-    veskNvramConfig_set("wwan_failover_test_ip", probe_address);
+    store::set("wwan_failover_test_ip", probe_address);
 }
 
 int add_probing_route() {
-    if (veskNvramConfig_match("wan_proto", "pppoe"))
+    if (store::match("wan_proto", "pppoe"))
         return run_printed("add_probing_route", "route add %s dev %s",
                            {shell::ipv4(probe_address),
-                            shell::ifname(veskNvramConfig_get("pppoe_ifname"))});
+                            shell::ifname(store::get("pppoe_ifname"))});
     return run_printed("add_probing_route", "ip route add %s via %s src %s",
-                       {shell::ipv4(probe_address), shell::ipv4(veskNvramConfig_get("wan_gateway")),
-                        shell::ipv4(veskNvramConfig_get("wan_ipaddr"))});
+                       {shell::ipv4(probe_address), shell::ipv4(store::get("wan_gateway")),
+                        shell::ipv4(store::get("wan_ipaddr"))});
 }
 
 int test_probing_route() {
@@ -142,8 +143,8 @@ int test_probing_route() {
 }
 
 int del_probing_route() {
-    if (veskNvramConfig_match("wan_proto", "pppoe"))
+    if (store::match("wan_proto", "pppoe"))
         return shell::run("del_probing_route", "route del %s", {shell::ipv4(probe_address)});
     return shell::run("del_probing_route", "ip route delete %s via %s",
-                      {shell::ipv4(probe_address), shell::ipv4(veskNvramConfig_get("wan_gateway"))});
+                      {shell::ipv4(probe_address), shell::ipv4(store::get("wan_gateway"))});
 }

@@ -30,7 +30,7 @@ using store::get;
 
 bool ipv6_off() {
     char proto[kProtoSize] = "";  // longer values are cut to the 31 characters it holds
-    veskNvramConfig_read("ipv6_proto", proto, sizeof proto);
+    store::read("ipv6_proto", proto, sizeof proto);
     return std::strcmp(proto, "disable") == 0 || std::strcmp(proto, "passthrough") == 0 ||
            (std::strcmp(proto, "auto") == 0 && match("ipv6_proto_auto", "passthrough"));
 }

@@ -36,7 +36,7 @@ using store::match;
 
 using store::set;
 
-std::string get(const char *key) { return veskNvramConfig_get(key); }
+using store::get;
 
 bool is(const char *text, const char *value) { return std::strcmp(text, value) == 0; }
 
@@ -61,9 +61,9 @@ std::string lan_address(const char *mode, const char *lan_prefix, const char *la
     }
     std::array<char, kInterfaceIdSize> id{};
     if (match("ipv6_interfaceid_enable", "1"))
-        veskNvramConfig_read("ipv6_interface_id", id.data(), id.size());
+        store::read("ipv6_interface_id", id.data(), id.size());
     else
-        mac_addr_to_interface_id(veskNvramConfig_get("lan_hwaddr"), id.data());
+        mac_addr_to_interface_id(store::get("lan_hwaddr"), id.data());
     std::array<char, VESK_IPV6_TEXT_SIZE> address{};
     create_ipv6_addr(lan_prefix, std::atoi(lan_length), id.data(), address.data());
     return address.data();
@@ -104,7 +104,7 @@ void hook_wan(const char *mode, const char *wan_ifname) {
         if (wan_ifname) ipv6_spi_wan_hook(wan_ifname);
     } else if (is(mode, "fixed") || is(mode, "autoconfig_wan") || is(mode, "dhcp")) {
         std::array<char, kWanIfnameSize> name{};
-        veskNvramConfig_read("wan_ifname", name.data(), name.size());
+        store::read("wan_ifname", name.data(), name.size());
         ipv6_spi_wan_hook(name.data());
     } else if (is(mode, "6to4") || is(mode, "6rd")) {
         ipv6_spi_wan_hook("sit0");
@@ -160,7 +160,7 @@ int ipv6_wan_start(const char *mode, const char *wan_ifname, const char *wan_add
         restart_lan_daemons(changed);
     }
 
-    ipv6_spi_lan_hook(veskNvramConfig_get("lan_ifname"));
+    ipv6_spi_lan_hook(store::get("lan_ifname"));
     hook_wan(mode, wan_ifname);
     ipv6_spi_mode(match("nat_inbound_filtering", "1") ? 1 : 0);
     ipv6_enable_wan_ping(match("fw_rsp_ping", "1") ? 1 : 0);

@@ -10,6 +10,7 @@
 #include "shared/command.h"
 #include "shared/file.h"
 #include "shared/store.h"
+#include "shared/settings.h"
 
 #include <cerrno>
 #include <cstdint>
@@ -31,7 +32,7 @@ using store::get;
 // `ipv6_proto`, cut to the 31 characters its buffer holds.
 struct Proto {
     char text[kProtoSize] = "";
-    Proto() { veskNvramConfig_read("ipv6_proto", text, sizeof text); }
+    Proto() { store::read("ipv6_proto", text, sizeof text); }
     bool is(const char *value) const { return std::strcmp(text, value) == 0; }
     bool is_auto(const char *value) const { return is("auto") && match("ipv6_proto_auto", value); }
     bool six_to_four() const { return is("6to4") || is_auto("6to4"); }
@@ -59,14 +60,12 @@ void write_lan_prefix(std::FILE *f, const Proto &proto) {
 
 // Prefix block of 6to4: radvd fills in the prefix from the WAN interface's IPv4 address.
 void write_6to4_prefix(std::FILE *f) {
-    bool over_ppp = match("wan_proto", "pppoe") || match("wan_proto", "pptp") ||
-                    match("wan_proto", "l2tp");
     std::fprintf(f, " prefix 0:0:0:%x::/64 {\n",
                  static_cast<unsigned>(atoi32(get("ipv6_6to4_sla_id"))));
     std::fprintf(f, "  AdvOnLink %s;\n", get("RA_AdvOnLink"));
     std::fprintf(f, "  AdvAutonomous %s;\n", get("RA_AdvAutonomous"));
     std::fprintf(f, "  AdvRouterAddr off;\n");
-    std::fprintf(f, "  Base6to4Interface %s;\n", over_ppp ? "ppp0" : get("wan_ifname"));
+    std::fprintf(f, "  Base6to4Interface %s;\n", wan_proto_is_ppp() ? "ppp0" : get("wan_ifname"));
     std::fprintf(f, "  AdvValidLifetime %s;\n", get("RA_AdvValidLifetime"));
     std::fprintf(f, "  AdvPreferredLifetime %s;\n", get("RA_AdvPreferredLifetime"));
     std::fprintf(f, " };\n");

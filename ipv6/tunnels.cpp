@@ -39,7 +39,7 @@ void record_6rd(const char *status, const char *tunnel) {
 // ("0.0.0.0") or the placeholder "64.64.64.64". A text that is no dotted quad counts as none.
 std::optional<std::array<unsigned, 4>> wan_ipv4_octets(const char *routine) {
     std::array<char, kWanAddressSize> text{};
-    veskNvramConfig_read("wan_ipaddr", text.data(), text.size());
+    store::read("wan_ipaddr", text.data(), text.size());
     int a = 0, b = 0, c = 0, d = 0;
     int fields = std::sscanf(text.data(), "%d.%d.%d.%d", &a, &b, &c, &d);
     if (a == 0 || std::strcmp(text.data(), "64.64.64.64") == 0) return std::nullopt;
@@ -54,7 +54,7 @@ std::optional<std::array<unsigned, 4>> wan_ipv4_octets(const char *routine) {
 
 std::string wan_interface_id() {
     std::array<char, VESK_IPV6_TEXT_SIZE> id{};
-    mac_addr_to_interface_id(veskNvramConfig_get("wan_hwaddr"), id.data());
+    mac_addr_to_interface_id(store::get("wan_hwaddr"), id.data());
     return id.data();
 }
 
@@ -108,7 +108,7 @@ void append_group_bits(std::string &bits, const char *group, std::size_t limit) 
 int make_6to4_address(char *out) {
     std::optional<std::array<unsigned, 4>> wan = wan_ipv4_octets("make_6to4_address");
     if (!wan) return -1;
-    unsigned sla_id = static_cast<unsigned>(std::atoi(veskNvramConfig_get("ipv6_6to4_sla_id")));
+    unsigned sla_id = static_cast<unsigned>(std::atoi(store::get("ipv6_6to4_sla_id")));
     std::snprintf(out, kAddressSize, "2002:%02X%02X:%02X%02X:%04X:%s", (*wan)[0], (*wan)[1],
                   (*wan)[2], (*wan)[3], sla_id, wan_interface_id().c_str());
     return 0;
@@ -123,7 +123,7 @@ int start_6to4_tunnel() {
     if (make_6to4_address(address) != 0) return -1;
 
     shell::run("start_6to4_tunnel", "ifconfig sit0 up");
-    const char *relay = veskNvramConfig_get(
+    const char *relay = store::get(
         match("ipv6_6to4_relay", "0") ? "ipv6_6to4_router" : "ipv6_static_ip");
     std::string gateway = std::string("::") + relay;
     if (gateway.size() >= kGatewaySize) gateway.resize(kGatewaySize - 1);

@@ -3,25 +3,21 @@
 #include <cstdio>
 #include <optional>
 
-#include "services/event_input.h"
+#include "shared/values.h"
 #include "services/wan_up.h"
 #include "shared/ifconfig.h"
 #include "shared/store.h"
+#include "shared/settings.h"
 
 namespace {
 
 // Which of the router's WANs a lease belongs to.
 enum class LeaseWan { none, ether, lte, carrier };
 
-bool ppp_proto() {
-    return store::match("wan_proto", "pppoe") || store::match("wan_proto", "pptp") ||
-           store::match("wan_proto", "l2tp");
-}
-
 LeaseWan wan_of(const std::string &ifname) {
     if (store::match("wan1_ifname", ifname.c_str())) return LeaseWan::lte;
     if (store::match("wan_ifname", ifname.c_str()))
-        return ppp_proto() ? LeaseWan::carrier : LeaseWan::ether;
+        return wan_proto_is_ppp() ? LeaseWan::carrier : LeaseWan::ether;
     return LeaseWan::none;
 }
 
@@ -31,7 +27,7 @@ std::string carrier_flag() { return std::string(store::get("wan_proto")) + "_dhc
 
 int refuse(const DhcpLease &lease, const char *what, const std::string &value) {
     std::fprintf(stderr, "vesk_service: udhcpc: lease on %s refused: %s \"%s\"\n",
-                 printable_value(lease.interface).c_str(), what, printable_value(value).c_str());
+                 values::printable(lease.interface).c_str(), what, values::printable(value).c_str());
     return 1;
 }
 
@@ -43,12 +39,12 @@ std::string first_word(const std::string &text) {
 
 int bound(LeaseWan wan, const DhcpLease &lease) {
     // Everything is checked before the interface or the store is touched.
-    if (!valid_ipv4(lease.ip)) return refuse(lease, "address", lease.ip);
-    if (!valid_netmask(lease.subnet)) return refuse(lease, "netmask", lease.subnet);
+    if (!values::is_ipv4(lease.ip)) return refuse(lease, "address", lease.ip);
+    if (!values::is_netmask(lease.subnet)) return refuse(lease, "netmask", lease.subnet);
     const std::string gateway = first_word(lease.router);
-    if (!valid_ipv4(gateway) && !(wan == LeaseWan::carrier && gateway.empty()))
+    if (!values::is_ipv4(gateway) && !(wan == LeaseWan::carrier && gateway.empty()))
         return refuse(lease, "router", lease.router);
-    const std::optional<std::string> dns = ipv4_list(lease.dns);
+    const std::optional<std::string> dns = values::ipv4_list(lease.dns);
     if (!dns) return refuse(lease, "DNS list", lease.dns);
 
     const char *ifname = lease.interface.c_str();
@@ -119,9 +115,9 @@ int deconfig(LeaseWan wan, const std::string &ifname) {
 }  // namespace
 
 int dhcp_client_event(const std::string &event, const DhcpLease &lease) {
-    if (!valid_ifname(lease.interface)) {
+    if (!values::is_ifname(lease.interface)) {
         std::fprintf(stderr, "vesk_service: udhcpc: refused interface name \"%s\"\n",
-                     printable_value(lease.interface).c_str());
+                     values::printable(lease.interface).c_str());
         return 1;
     }
     const LeaseWan wan = wan_of(lease.interface);
@@ -132,7 +128,7 @@ int dhcp_client_event(const std::string &event, const DhcpLease &lease) {
     }
     if (event == "bound" || event == "renew") return bound(wan, lease);
     if (event == "deconfig") return deconfig(wan, lease.interface);
-    std::printf("vesk_service: udhcpc: %s on %s, nothing to do\n", printable_value(event).c_str(),
+    std::printf("vesk_service: udhcpc: %s on %s, nothing to do\n", values::printable(event).c_str(),
                 lease.interface.c_str());
     return 0;
 }

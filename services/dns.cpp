@@ -6,6 +6,7 @@
 #include "platform/vesk_shared.h"
 #include "shared/file.h"
 #include "shared/store.h"
+#include "shared/settings.h"
 
 #include <arpa/inet.h>
 
@@ -33,10 +34,6 @@ constexpr std::size_t kWanIfnameSize = 32;
 using store::match;
 
 using store::get;
-
-bool in_japan_region() {
-    return match("sku_name", "JP") || (match("sku_name", "WW") && match("gui_region", "Japanese"));
-}
 
 // Appends `text` to the C string in `buf` of `size` bytes, cutting it where the buffer ends.
 // False when something was cut.
@@ -165,9 +162,7 @@ void choose_dynamic_list(DnsList &list, const char *ifname) {
     else
         list.add(get(match("wwan_wan_type", "0") ? "wan1_dns" : "wan_dns"));
 
-    bool ppp = match("wan_proto", "pptp") || match("wan_proto", "pppoe") ||
-               match("wan_proto", "l2tp");
-    if (ppp && user && !match("ParentalControl", "1")) reorder_user_servers(list);
+    if (wan_proto_is_ppp() && user && !match("ParentalControl", "1")) reorder_user_servers(list);
 
     if (match("wan_proto", "pptp"))
         list.add_spaced(get("pptp_dhcp_dns"));
@@ -371,7 +366,7 @@ void remove_dns_servers(std::FILE *in, std::FILE *out, const char *list, bool ja
 
 int dns_routed_via_wan(const char *address) {
     char wan_ifname[kWanIfnameSize] = "";
-    veskNvramConfig_read("wan_ifname", wan_ifname, sizeof wan_ifname);
+    store::read("wan_ifname", wan_ifname, sizeof wan_ifname);
     File f = open_file("/proc/net/route", "r");
     if (!f) return 0;
     return route_table_covers(f.get(), wan_ifname, address);

@@ -8,6 +8,7 @@
 #include "shared/c_numbers.h"
 #include "shared/command.h"
 #include "shared/unique_fd.h"
+#include "shared/store.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -58,10 +59,10 @@ void start_vpn_dns_forwarder(char *tun_name) {
 }  // namespace
 
 int start_openvpn() {
-    if (!veskNvramConfig_match("openvpnActive", "enable")) return 0;
+    if (!store::match("openvpnActive", "enable")) return 0;
 
     // The certificates are only as good as the clock: say so, but start anyway.
-    if (atoi32(veskNvramConfig_get("ntp_is_synced")) == 0) {
+    if (atoi32(store::get("ntp_is_synced")) == 0) {
         const char message[] =
             "[OPENVPN] NTP sync time failed. Get correct system time then reconnect.";
         zerinWriteLog(message, static_cast<int>(std::strlen(message)), 0x8001E);
@@ -70,8 +71,8 @@ int start_openvpn() {
     restore_certificates();
     openvpn_make_config_file();
 
-    agApi_setDeviceListenPort(9, atoi32(veskNvramConfig_get("openvpn_service_port_tun")), 1);
-    agApi_setDeviceListenPort(10, atoi32(veskNvramConfig_get("openvpn_service_port")), 1);
+    agApi_setDeviceListenPort(9, atoi32(store::get("openvpn_service_port_tun")), 1);
+    agApi_setDeviceListenPort(10, atoi32(store::get("openvpn_service_port")), 1);
     if (agApi_fwEchoRespSet(1) != 1)
         std::printf("%s: Error setting echo response\n", "start_openvpn");
 

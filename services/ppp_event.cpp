@@ -6,7 +6,7 @@
 #include <optional>
 
 #include "services/dns.h"
-#include "services/event_input.h"
+#include "shared/values.h"
 #include "services/wan_up.h"
 #include "shared/command.h"
 #include "shared/store.h"
@@ -27,7 +27,7 @@ bool wan_link(const std::string &ifname) { return ifname == "ppp0" || ifname == 
 
 int refuse(const char *script, const char *what, const std::string &value) {
     std::fprintf(stderr, "vesk_service: %s: refused %s \"%s\"\n", script, what,
-                 printable_value(value).c_str());
+                 values::printable(value).c_str());
     return 1;
 }
 
@@ -46,11 +46,11 @@ void start_second_session() {
 }  // namespace
 
 int ppp_ip_up(const PppLink &link) {
-    if (!valid_ifname(link.ifname)) return refuse("ip-up", "interface name", link.ifname);
+    if (!values::is_ifname(link.ifname)) return refuse("ip-up", "interface name", link.ifname);
     if (!wan_link(link.ifname)) return other_link("ip-up", link.ifname);
-    if (!valid_ipv4(link.local)) return refuse("ip-up", "local address", link.local);
-    if (!valid_ipv4(link.remote)) return refuse("ip-up", "remote address", link.remote);
-    const std::optional<std::string> dns = ipv4_list(link.dns1 + " " + link.dns2);
+    if (!values::is_ipv4(link.local)) return refuse("ip-up", "local address", link.local);
+    if (!values::is_ipv4(link.remote)) return refuse("ip-up", "remote address", link.remote);
+    const std::optional<std::string> dns = values::ipv4_list(link.dns1 + " " + link.dns2);
     if (!dns) return refuse("ip-up", "DNS servers", link.dns1 + " " + link.dns2);
 
     std::printf("vesk_service: ip-up: %s %s peer %s dns \"%s\"\n", link.ifname.c_str(),
@@ -71,7 +71,7 @@ int ppp_ip_up(const PppLink &link) {
 }
 
 int ppp_ip_down(const PppLink &link) {
-    if (!valid_ifname(link.ifname)) return refuse("ip-down", "interface name", link.ifname);
+    if (!values::is_ifname(link.ifname)) return refuse("ip-down", "interface name", link.ifname);
     if (!wan_link(link.ifname)) return other_link("ip-down", link.ifname);
     std::printf("vesk_service: ip-down: %s\n", link.ifname.c_str());
     if (link.ifname == "ppp0") {

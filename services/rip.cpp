@@ -8,6 +8,7 @@
 #include "shared/c_numbers.h"
 #include "shared/file.h"
 #include "shared/store.h"
+#include "shared/settings.h"
 
 #include <arpa/inet.h>
 #include <unistd.h>
@@ -163,12 +164,11 @@ void write_direction(std::FILE *f, const char *ifname, bool is_lan, const RipSet
 int start_rip() {
     char lan_ifname[kIfnameSize];
     char wan_ifname[kIfnameSize];
-    veskNvramConfig_read("lan_ifname", lan_ifname, sizeof lan_ifname);
-    if (veskNvramConfig_match("wan_proto", "pppoe") || veskNvramConfig_match("wan_proto", "l2tp") ||
-        veskNvramConfig_match("wan_proto", "pptp"))
+    store::read("lan_ifname", lan_ifname, sizeof lan_ifname);
+    if (wan_proto_is_ppp())
         std::snprintf(wan_ifname, sizeof wan_ifname, "%s", "ppp0");
     else
-        veskNvramConfig_read("wan_ifname", wan_ifname, sizeof wan_ifname);
+        store::read("wan_ifname", wan_ifname, sizeof wan_ifname);
 
     // The sections are appended: start from nothing.
     unlink(kMulticastFlag);

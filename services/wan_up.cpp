@@ -13,7 +13,7 @@
 #include <cstring>
 #include <string>
 
-#include "failover/failover_event.h"
+#include "shared/failover_event.h"
 #include "ipv6/tunnels.h"
 #include "platform/nat.h"
 #include "platform/nvram.h"
@@ -25,6 +25,7 @@
 #include "shared/command.h"
 #include "shared/file.h"
 #include "shared/store.h"
+#include "shared/settings.h"
 
 namespace {
 
@@ -40,21 +41,14 @@ int tc_first_run = 1;
 
 using store::match;
 
-std::string get(const char *key) { return veskNvramConfig_get(key); }
+using store::get;
 
-bool japan_region() {
-    return match("sku_name", "JP") || (match("sku_name", "WW") && match("gui_region", "Japanese"));
-}
-
-bool ppp_proto() {
-    return match("wan_proto", "pppoe") || match("wan_proto", "pptp") || match("wan_proto", "l2tp");
-}
 
 // add_routes for the WAN and for the LAN bridge, whose name is cut to 19 characters.
 void add_wan_and_lan_routes(const char *ifname) {
     add_routes(ifname);
     char lan_ifname[20];
-    veskNvramConfig_read("lan_ifname", lan_ifname, sizeof lan_ifname);
+    store::read("lan_ifname", lan_ifname, sizeof lan_ifname);
     add_routes(lan_ifname);
 }
 
@@ -87,10 +81,10 @@ void set_features(bool is_ether) {
 }
 
 void add_ether_routes(const char *ifname) {
-    if (ppp_proto()) {
+    if (wan_proto_is_ppp()) {
         write_ppp_resolv(1);
         shell::run("wan_up", "route delete default");
-        veskNvramConfig_set("first_wan_status", "1");
+        store::set("first_wan_status", "1");
         shell::run("wan_up", "route add default dev %s", {shell::ifname(ifname)});
         return;
     }
@@ -127,7 +121,7 @@ void signal_ddns() {
 }
 
 void restart_nat(bool is_ether, const char *ifname) {
-    if (is_ether && japan_region() && match("wan_proto", "pppoe")) {
+    if (is_ether && in_japan_region() && match("wan_proto", "pppoe")) {
         mp_start_nat(ifname);
         return;
     }
@@ -158,7 +152,7 @@ void report_address(bool is_ether) {
 
     // start_wan_nat has already stored the current address as the old one by now.
     char old_address[32];
-    veskNvramConfig_read("wan_ipaddr_old", old_address, sizeof old_address);
+    store::read("wan_ipaddr_old", old_address, sizeof old_address);
     std::string address = get("wan_ipaddr");
     if (address != old_address) {
         std::printf("%s: IP addr changed! (%s->%s) do arp_check!\n", "wan_up", old_address,
@@ -220,12 +214,12 @@ void wan_up(const char *ifname) {
     restart_timesync();
     signal_ddns();
     restart_nat(is_ether, ifname);
-    if (japan_region() && !match("wan_proto", "pppoe"))
+    if (in_japan_region() && !match("wan_proto", "pppoe"))
         shell::run("wan_up", "killall -SIGWINCH httpd");
     report_address(is_ether);
     start_services(is_ether);
 
-    if (match("wwan_wan_type", "2") && !is_ether) write_failover_event('5');
+    if (match("wwan_wan_type", "2") && !is_ether) write_failover_event(event::kLteUp);
 }
 
 int start_wan_nat(int is_ether) {
@@ -233,15 +227,15 @@ int start_wan_nat(int is_ether) {
     std::string address = get("wan_ipaddr");
     // An Ethernet WAN that came back with the same address keeps its NAT and connections.
     if (address == old_address && address != "0.0.0.0" && is_ether == 1) return 0;
-    veskNvramConfig_set("wan_ipaddr_old", address.c_str());
+    store::set("wan_ipaddr_old", address.c_str());
 
     agApi_natUnhook(nullptr);
-    if (!japan_region()) agApi_natLanHook("br0");
+    if (!in_japan_region()) agApi_natLanHook("br0");
 
     if (match("wwan_wan_type", "0") || (match("wwan_wan_type", "2") && is_ether == 0)) {
-        agApi_natHook(get("wan1_ifname").c_str());
-    } else if (!ppp_proto()) {
-        agApi_natHook(get("wan_ifname").c_str());
+        agApi_natHook(get("wan1_ifname"));
+    } else if (!wan_proto_is_ppp()) {
+        agApi_natHook(get("wan_ifname"));
     } else {
         const bool first = match("first_wan_status", "1");
         std::string carrier = get("wan_ifname");
@@ -295,7 +289,7 @@ int dmz_init() {
         host = inet_addr(dmz_address.c_str());
     } else {
         unsigned int octet = dmz_last_octet(get("fw_dmz_ip4"));
-        in_addr_t lan = inet_addr(get("lan_ipaddr").c_str());
+        in_addr_t lan = inet_addr(get("lan_ipaddr"));
         // The host is taken from a /24 of the LAN address, whatever the LAN's real mask.
         if (octet != 0 && lan != INADDR_NONE)
             host = (lan & inet_addr("255.255.255.0")) | htonl(octet);
@@ -314,14 +308,14 @@ int second_wan_up(const char *ifname) {
         std::fprintf(stderr, "second_wan_up: no interface name\n");
         return -1;
     }
-    veskNvramConfig_set("second_wan_status", "1");
+    store::set("second_wan_status", "1");
     add_wan_and_lan_routes(ifname);
     return start_wan_nat(std::strcmp(ifname, kLteIfname) != 0 ? 1 : 0);
 }
 
 int start_tc_qos() {
     if (!match("qos_bw_enable", "1") || !match("qos_enable", "1")) return 0;
-    if (!ppp_proto()) {
+    if (!wan_proto_is_ppp()) {
         if (tc_first_run == 0) return 0;
         tc_first_run = 0;
     }

@@ -1,9 +1,9 @@
 // The one place where the program formats and runs shell command lines and reads command output.
 //
-// Every value interpolated into a command line is a ShellArg that says what it must be. A value
-// holding anything else never reaches the shell: the refusal is reported on standard error with
-// the routine's name and the command the value would have gone into. Argument vectors started
-// through _eval/_eval_daemon go to no shell and need none of this.
+// Every value interpolated into a command line is an Arg that says what it must be (the kinds of
+// shared/values.h). A value holding anything else never reaches the shell: the refusal is
+// reported on standard error with the routine's name and the command it would have gone into.
+// Argument vectors started through _eval/_eval_daemon go to no shell and need none of this.
 #pragma once
 
 #include <cstdio>
@@ -12,34 +12,37 @@
 #include <string>
 #include <string_view>
 
+#include "shared/values.h"
+
 namespace shell {
 
-// What an interpolated value must look like. An empty value passes every check: it cannot
-// carry anything into the shell.
-enum class Kind {
-    ipv4,     // dotted quad
-    ipv6,     // IPv6 address text
-    ifname,   // interface name: letters, digits, '.', '_', '-', '@', ':'
-    digits,   // decimal number text, optionally signed
-    word,     // process or program name: letters, digits, '.', '_', '-', '/'
-    trusted,  // text made by the program itself, never from the store or a peer
-};
+using values::Kind;
 
 struct Arg {
     Kind kind;
     std::string text;
+    const char *what = "value";  // the key or role named when the value is refused
 };
 
-inline Arg ipv4(std::string_view v) { return {Kind::ipv4, std::string(v)}; }
-inline Arg ipv6(std::string_view v) { return {Kind::ipv6, std::string(v)}; }
-inline Arg ifname(std::string_view v) { return {Kind::ifname, std::string(v)}; }
-inline Arg digits(std::string_view v) { return {Kind::digits, std::string(v)}; }
-inline Arg word(std::string_view v) { return {Kind::word, std::string(v)}; }
-inline Arg trusted(std::string_view v) { return {Kind::trusted, std::string(v)}; }
-inline Arg number(long v) { return {Kind::trusted, std::to_string(v)}; }
-
-// True when `text` is acceptable as `kind`.
-bool value_fits(Kind kind, std::string_view text);
+inline Arg ipv4(std::string_view v, const char *what = "value") {
+    return {Kind::ipv4, std::string(v), what};
+}
+inline Arg ipv6(std::string_view v, const char *what = "value") {
+    return {Kind::ipv6, std::string(v), what};
+}
+inline Arg ifname(std::string_view v, const char *what = "value") {
+    return {Kind::ifname, std::string(v), what};
+}
+inline Arg digits(std::string_view v, const char *what = "value") {
+    return {Kind::number, std::string(v), what};
+}
+inline Arg word(std::string_view v, const char *what = "value") {
+    return {Kind::name, std::string(v), what};
+}
+inline Arg trusted(std::string_view v, const char *what = "value") {
+    return {Kind::trusted, std::string(v), what};
+}
+inline Arg number(long v) { return {Kind::trusted, std::to_string(v), "number"}; }
 
 // Replaces each "%s" or "%d" of `format` with the next argument's text ("%%" gives "%").
 // Returns nothing, after reporting on stderr, when an argument does not fit its kind or the

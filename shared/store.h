@@ -1,5 +1,8 @@
-// Short forms of the configuration-store accessors that the routines use on almost every line.
+// The one way the routines read and write the configuration store.
 #pragma once
+
+#include <array>
+#include <cstddef>
 
 #include "platform/nvram.h"
 
@@ -15,5 +18,23 @@ inline const char *get(const char *key) { return veskNvramConfig_get(key); }
 
 // Sets `key`; a failure is reported by the store itself.
 inline void set(const char *key, const char *value) { veskNvramConfig_set(key, value); }
+
+// Copies the value of `key` into `buf` of `size` bytes, cut to size - 1 characters.
+inline void read(const char *key, char *buf, std::size_t size) {
+    veskNvramConfig_read(key, buf, size);
+}
+
+// A value read into a buffer of the router's size: at most N - 1 characters, the last byte
+// always NUL. The cut is the router's, on purpose.
+template <std::size_t N>
+std::array<char, N> read_value(const char *key) {
+    std::array<char, N> buf{};
+    veskNvramConfig_read(key, buf.data(), N);
+    buf[N - 1] = '\0';
+    return buf;
+}
+
+// Makes the values set so far durable.
+inline void save() { veskNvramConfig_save(); }
 
 }  // namespace store

@@ -17,7 +17,7 @@
 #include <string>
 
 #include "services/dhcp_event.h"
-#include "services/event_input.h"
+#include "shared/values.h"
 #include "services/ppp_event.h"
 
 namespace {
@@ -63,7 +63,7 @@ int main(int argc, char **argv) {
         status = ppp_script(name, argc, argv);
     } else if (name == "ipv6-up" || name == "ipv6-down") {
         std::printf("vesk_service: %s %s: nothing to do\n", name.c_str(),
-                    printable_value(argc > 1 ? argv[1] : "").c_str());
+                    values::printable(argc > 1 ? argv[1] : "").c_str());
         status = 0;
     } else {
         status = usage();

@@ -18,6 +18,7 @@
 #include "services/wan_up.h"
 #include "shared/file.h"
 #include "shared/ifconfig.h"
+#include "shared/settings.h"
 
 namespace {
 
@@ -61,9 +62,6 @@ bool has_control_character(const char *text) {
     return false;
 }
 
-bool japan_region() {
-    return match("sku_name", "JP") || (match("sku_name", "WW") && match("gui_region", "Japanese"));
-}
 
 void quote_into(const char *src, char *dst) {
     for (; *src != '\0'; ++src) {

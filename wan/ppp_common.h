@@ -51,8 +51,6 @@ int minutes_to_seconds(int minutes);
 // The text of `value` as the store keeps numbers.
 void set_number(const char *key, int value);
 
-// The router's region tests.
-bool japan_region();
 bool match(const char *key, const char *value);
 
 // True when `text` holds a control character (below 0x20, or DEL): in pppd's options and the

@@ -12,6 +12,7 @@
 #include "shared/file.h"
 #include "wan/ppp_common.h"
 #include "wan/ppp_sessions.h"
+#include "shared/settings.h"
 
 namespace {
 
@@ -217,7 +218,7 @@ void start_pppoe_session(const char *ifname, int unit) {
         symlink("/sbin/vesk_service", "tmp/ppp/ipv6-up");
         symlink("/sbin/vesk_service", "tmp/ppp/ipv6-down");
     }
-    const bool japan = ppp::japan_region();
+    const bool japan = in_japan_region();
     int mtu = number("wan_mtu");
     // Unsigned on purpose: a negative MTU becomes the cap.
     const unsigned cap = japan ? 1454 : 1492;

@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "failover/failover_conn.h"
-#include "failover/failover_event.h"
+#include "shared/failover_event.h"
 #include "platform/nvram.h"
 #include "tests/support/lte_manager.h"
 #include "tests/support/testroot.h"

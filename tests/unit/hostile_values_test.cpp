@@ -7,7 +7,7 @@
 // _eval/_eval_daemon reach their program as one argument with no shell in between, so a hostile
 // text there is harmless and is not looked for.
 #include "failover/ether_wan.h"
-#include "failover/failover_event.h"
+#include "shared/failover_event.h"
 #include "failover/probes.h"
 #include "ipv6/ipv6_wan.h"
 #include "ipv6/spiv6.h"

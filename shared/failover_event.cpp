@@ -1,4 +1,4 @@
-#include "failover/failover_event.h"
+#include "shared/failover_event.h"
 
 #include <fcntl.h>
 #include <unistd.h>
