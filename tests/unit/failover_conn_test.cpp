@@ -2,8 +2,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -119,6 +121,41 @@ TEST_F(MonitorTest, PppoeStarting_SkipsTestAndLteSupervisionForTheTick) {
     EXPECT_EQ(get("lte_start"), "0");  // next tick it did
 }
 
+// After a PPPoE probe on LTE the monitor ends the probe's pppd and its options file, then
+// waits 2 s whether or not pppd was found.
+TEST_F(MonitorTest, PppoeProbeOnLte_KillsPppdRemovesOptionsAndPausesTwoSeconds) {
+    veskNvramConfig_set("wan_proto", "pppoe");
+    veskNvramConfig_set("current_ifname", "rm_usb0");
+    veskNvramConfig_set("pppoe_dod", "2");  // files only: no pppd of the stand-ins to wait for
+    testroot::script("ps", "  412 root      2312 S    pppd file /tmp/ppp/options\n");
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    run_ticks(1);
+    testing::internal::GetCapturedStdout();
+    testing::internal::GetCapturedStderr();
+    const std::vector<std::string> sh = testroot::shell_commands();
+    ASSERT_FALSE(sh.empty());
+    EXPECT_EQ(sh.back(), "kill -SIGTERM 412");
+    EXPECT_FALSE(testroot::exists("/tmp/ppp/options"));
+    std::vector<unsigned long> sleeps = testroot::sleeps_us();
+    ASSERT_GE(sleeps.size(), 2u);
+    EXPECT_EQ(sleeps.end()[-2], 2000000u);  // then the tick's own second
+
+    testroot::clear_logs();
+    testroot::script("ps", "");
+    state.tick = 0;
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    run_ticks(1);
+    testing::internal::GetCapturedStdout();
+    testing::internal::GetCapturedStderr();
+    for (const std::string &line : testroot::shell_commands())
+        EXPECT_EQ(line.find("kill"), std::string::npos) << line;
+    sleeps = testroot::sleeps_us();
+    ASSERT_GE(sleeps.size(), 2u);
+    EXPECT_EQ(sleeps.end()[-2], 2000000u);
+}
+
 TEST_F(MonitorTest, LteNeverConnects_WritesAAt60thTickThenEvery60) {
     veskNvramConfig_set("wwan_wan_type", "2");
     veskNvramConfig_set("lte_start", "1");
@@ -167,6 +204,39 @@ TEST_F(ControllerTest, LinkDown_SwitchesToLte_DisconnectThenConnect) {
     EXPECT_NE(err.find("@@@@@@@@@@@@@@@ read token = 3 \n********** Ethernet WAN link down && "
                        "current WAN is Ethernet WAN **********\n"),
               std::string::npos);
+}
+
+// Switch to Ethernet: the Ethernet client stopped, the LTE client stopped, LTE disconnected,
+// then the Ethernet WAN started, in that order.
+TEST_F(ControllerTest, InternetBackOnEthernet_StopsBothClientsDisconnectsThenStarts) {
+    veskNvramConfig_set("current_ifname", "rm_usb0");
+    veskNvramConfig_set("lte_start", "1");
+    veskNvramConfig_set("wan_ifname", "eth0");
+    testroot::script("ps", "  100 root udhcpc -i eth0 -p /var/run/udhcpc0.pid -s /tmp/udhcpc\n"
+                           "  101 root udhcpc -i rm_usb0 -p /var/run/udhcpc1.pid -s /tmp/udhcpc\n");
+    // The manager marks its request among the commands, so that one order covers both.
+    testroot::LteManager manager(testroot::LteManager::kOkReply,
+                                 [](const std::string &) { std::system(": lte-request"); });
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    batch("7:");
+    testing::internal::GetCapturedStdout();
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(get("current_ifname"), "eth0");
+    EXPECT_EQ(get("lte_start"), "0");
+    EXPECT_EQ(manager.requests(), std::vector<std::string>{kDisconnect});
+    std::vector<std::string> steps;
+    auto started = [&steps] {
+        steps.clear();
+        for (const std::string &event : testroot::events())
+            if (event == "sh: kill -9 100" || event == "sh: kill -9 101" ||
+                event == "sh: : lte-request" || event.rfind("run: udhcpc -i eth0", 0) == 0)
+                steps.push_back(event.substr(0, 19));
+        return steps.size() == 4;  // the client starts in the background
+    };
+    testroot::wait_for(started);
+    EXPECT_EQ(steps, (std::vector<std::string>{"sh: kill -9 100", "sh: kill -9 101",
+                                               "sh: : lte-request", "run: udhcpc -i eth0"}));
 }
 
 TEST_F(ControllerTest, TwoTokensInOneRead_SwitchTwice) {

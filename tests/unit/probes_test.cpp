@@ -22,7 +22,6 @@ namespace {
 class Probes : public testing::Test {
 protected:
     void SetUp() override {
-        if (!testroot::inside()) GTEST_SKIP() << "needs the test root";
         testroot::reset();
         reset_probe_address();
     }
@@ -66,6 +65,15 @@ TEST_F(Probes, Ping_ReportsLossFromSummary_OrFullLossWithoutOne) {
     EXPECT_THAT(GetCapturedStderr(), HasSubstr("failover_conn get_ping_result(324) popen failed "
                                                "IPv4=[1.2.3.4;reboot] count=1\n"));
     EXPECT_THAT(testroot::shell_commands(), IsEmpty());
+}
+
+TEST_F(Probes, SelectProbe_UnsetResolvesTheDefaultHost) {
+    testroot::write_file("/etc/hosts", std::string("203.0.113.77\t") + FAILOVER_PROBE_HOST + "\n");
+    testing::internal::CaptureStdout();
+    use_probe("0.0.0.0");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "GOT HOST IP host IP = 203.0.113.77\n");
+    EXPECT_STREQ(probe_address, "203.0.113.77");
+    EXPECT_STREQ(veskNvramConfig_get("wwan_failover_test_ip"), "203.0.113.77");
 }
 
 TEST_F(Probes, SelectProbe_UsesConfiguredCutToBuffer_ElsePublicDns) {

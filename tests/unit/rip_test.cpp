@@ -37,7 +37,6 @@ std::string section(const std::string &ifname, bool on) {
 class Rip : public testing::Test {
 protected:
     void SetUp() override {
-        if (!testroot::inside()) GTEST_SKIP() << "needs the test root";
         testroot::reset();
     }
     // LAN br0, DHCP WAN eth0, RIP on in both directions, and static routes: class C, class A,
@@ -178,7 +177,8 @@ TEST_F(Rip, BadValues_NoInterfaceNameLineBreaksRefusedOpenFailureGivesErrno) {
 // With RIP off, the lines after "no router rip" stand outside any router block, where FRR has
 // no such commands (the router's ripd takes them).
 TEST_F(Rip, Files_RipOnAcceptedByFrr_RipOffRejected) {
-    if (!testroot::exists("/host/usr/bin/vtysh")) GTEST_SKIP() << "frr missing: tools/install-deps";
+    ASSERT_TRUE(testroot::exists("/host/usr/bin/vtysh"))
+        << "FRR's vtysh is missing: apt-get install frr (tools/install-deps does)";
     std::string output;
     auto vtysh_check = [&output] {
         char vtysh[] = "/host/usr/bin/vtysh", c[] = "-C", f[] = "-f", file[] = "/tmp/ripd.conf";
