@@ -4,7 +4,7 @@
 #include "fuzz_support.h"
 #include "services/dns.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+int fuzz::one(const uint8_t *data, size_t size) {
     std::string list(fuzz::text(data, size));
     const char *end = list.c_str() + std::strlen(list.c_str());
     const char *pos = list.c_str();

@@ -4,7 +4,7 @@
 #include "failover/failover_conn.h"
 #include "fuzz_support.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+int fuzz::one(const uint8_t *data, size_t size) {
     std::string batch(fuzz::text(data, size));  // the reader terminates what it read
     std::string_view terminated(batch.c_str());
     size_t kept = 0;

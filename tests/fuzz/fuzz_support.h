@@ -79,6 +79,10 @@ inline void check(bool ok, const char *what) {
     std::abort();
 }
 
+// The property check of one target, called by the shared driver (fuzz_driver.cpp) for every
+// input: 0, or -1 to keep an input out of the corpus.
+int one(const uint8_t *data, size_t size);
+
 // Keeps the routines' console lines out of the fuzzer's output.
 inline void quiet() {
     static bool done = false;

@@ -8,12 +8,7 @@
 #include "fuzz_support.h"
 #include "ipv6/ipv6_wan.h"
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    fuzz::quiet();
-    return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+int fuzz::one(const uint8_t *data, size_t size) {
     std::vector<std::string> in = fuzz::parts(fuzz::text(data, size), 2);
     long parsed = std::strtol(in[1].c_str(), nullptr, 10);
     int length = parsed < -1000 ? -1000 : parsed > 1000 ? 1000 : static_cast<int>(parsed);

@@ -5,12 +5,7 @@
 #include "failover/lte_control.h"
 #include "fuzz_support.h"
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    fuzz::quiet();
-    return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+int fuzz::one(const uint8_t *data, size_t size) {
     // The reply as f_read_write leaves it: at most 1023 bytes, terminated.
     if (size >= kLteReplySize) return -1;
     std::string reply(fuzz::text(data, size));

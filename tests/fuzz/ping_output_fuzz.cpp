@@ -2,7 +2,7 @@
 #include "failover/probes.h"
 #include "fuzz_support.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+int fuzz::one(const uint8_t *data, size_t size) {
     for (const std::string &line : fuzz::lines(fuzz::text(data, size))) {
         int transmitted = -7, received = -7, loss = 100;
         if (parse_ping_summary(line.c_str(), transmitted, received, loss)) {

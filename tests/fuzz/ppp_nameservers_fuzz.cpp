@@ -4,7 +4,7 @@
 #include "fuzz_support.h"
 #include "services/dns.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+int fuzz::one(const uint8_t *data, size_t size) {
     if (size < 1) return 0;
     size_t line_size = 2 + data[0];
     std::vector<std::string> in = fuzz::parts(fuzz::text(data + 1, size - 1), 2);

@@ -8,7 +8,7 @@
 #include "fuzz_support.h"
 #include "wan/ppp_common.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+int fuzz::one(const uint8_t *data, size_t size) {
     std::string src = std::string(fuzz::text(data, size)).c_str();
     std::vector<char> dst(2 * src.size() + 1, 'x');
     ppp::quote_into(src.c_str(), dst.data());

@@ -4,7 +4,7 @@
 #include "fuzz_support.h"
 #include "shared/system_util.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+int fuzz::one(const uint8_t *data, size_t size) {
     std::vector<std::string> in = fuzz::parts(fuzz::text(data, size), 2);
     const char *name = in[0].c_str();
     for (const std::string &line : fuzz::lines(in[1])) {

@@ -6,12 +6,7 @@
 #include "services/dns.h"
 #include "shared/values.h"
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    fuzz::quiet();
-    return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+int fuzz::one(const uint8_t *data, size_t size) {
     std::vector<std::string> in = fuzz::parts(fuzz::text(data, size), 2);
     std::string merged = in[1];
     std::string session2;

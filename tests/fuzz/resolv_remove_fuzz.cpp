@@ -3,7 +3,7 @@
 #include "fuzz_support.h"
 #include "services/dns.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+int fuzz::one(const uint8_t *data, size_t size) {
     std::vector<std::string> in = fuzz::parts(fuzz::text(data, size), 2);
     for (bool japan : {false, true}) {
         std::string kept = remove_dns_servers(in[1], in[0].c_str(), japan);

@@ -2,7 +2,7 @@
 #include "failover/probes.h"
 #include "fuzz_support.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+int fuzz::one(const uint8_t *data, size_t size) {
     std::vector<std::string> in = fuzz::parts(fuzz::text(data, size), 2);
     for (const std::string &line : fuzz::lines(in[1]))
         if (route_line_names(line.c_str(), in[0].c_str())) break;

@@ -3,7 +3,7 @@
 #include "fuzz_support.h"
 #include "services/dns.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+int fuzz::one(const uint8_t *data, size_t size) {
     std::vector<std::string> in = fuzz::parts(fuzz::text(data, size), 3);
     File table = fuzz::memory_file(in[2], "r");
     int covered = route_table_covers(table.get(), in[0].c_str(), in[1].c_str());

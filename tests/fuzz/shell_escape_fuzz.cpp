@@ -5,7 +5,7 @@
 #include "fuzz_support.h"
 #include "wan/ppp_common.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+int fuzz::one(const uint8_t *data, size_t size) {
     if (size < 1) return 0;
     std::string src(fuzz::text(data + 1, size - 1));
     size_t len = data[0] <= src.size() ? data[0] : src.size();

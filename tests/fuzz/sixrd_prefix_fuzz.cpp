@@ -7,7 +7,7 @@
 #include "fuzz_support.h"
 #include "ipv6/tunnels.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+int fuzz::one(const uint8_t *data, size_t size) {
     std::vector<std::string> in = fuzz::parts(fuzz::text(data, size), 3);
     long mask = std::strtol(in[1].c_str(), nullptr, 10);
     if (mask < -100 || mask > 100) return 0;
