@@ -237,7 +237,7 @@ void stop_static_wan() {
     const std::string ifname = get("wan_ifname");
     const std::string netmask = get("wan_netmask");
     run_numbered(routine, 1, "route del -host %s gw 0.0.0.0 %s",
-                 {shell::ipv4(get("wan_gateway")), shell::ifname(ifname)});
+                 {shell::ipv4(get("wan_gateway"), "wan_gateway"), shell::ifname(ifname, "wan_ifname")});
 
     in_addr addr{};
     in_addr mask{};
@@ -254,7 +254,7 @@ void stop_static_wan() {
     char network_text[INET_ADDRSTRLEN];
     inet_ntop(AF_INET, &network, network_text, sizeof network_text);
     run_numbered(routine, 2, "route del -net %s netmask %s gw 0.0.0.0 %s",
-                 {shell::ipv4(network_text), shell::ipv4(netmask), shell::ifname(ifname)});
+                 {shell::ipv4(network_text), shell::ipv4(netmask, "wan_netmask"), shell::ifname(ifname, "wan_ifname")});
 }
 
 }  // namespace

@@ -59,7 +59,7 @@ unsigned get_wan_link_status() {
 
 int get_ping_result() {
     int loss = 100, transmitted = 0, received = 0;
-    shell::Pipe ping("get_ping_result", "ping -c 4 %s", {shell::ipv4(probe_address)});
+    shell::Pipe ping("get_ping_result", "ping -c 4 %s", {shell::ipv4(probe_address, "the probe address")});
     if (!ping.is_open()) {
         std::fprintf(stderr, "%s %s(%d) popen failed IPv4=[%s] count=%d\n", "failover_conn",
                      "get_ping_result", 324, probe_address, 1);
@@ -121,15 +121,15 @@ void select_probe_address() {
 int add_probing_route() {
     if (store::match("wan_proto", "pppoe"))
         return run_printed("add_probing_route", "route add %s dev %s",
-                           {shell::ipv4(probe_address),
-                            shell::ifname(store::get("pppoe_ifname"))});
+                           {shell::ipv4(probe_address, "the probe address"),
+                            shell::ifname(store::get("pppoe_ifname"), "pppoe_ifname")});
     return run_printed("add_probing_route", "ip route add %s via %s src %s",
-                       {shell::ipv4(probe_address), shell::ipv4(store::get("wan_gateway")),
-                        shell::ipv4(store::get("wan_ipaddr"))});
+                       {shell::ipv4(probe_address, "the probe address"), shell::ipv4(store::get("wan_gateway"), "wan_gateway"),
+                        shell::ipv4(store::get("wan_ipaddr"), "wan_ipaddr")});
 }
 
 int test_probing_route() {
-    shell::Pipe route("test_probing_route", "route | grep %s", {shell::ipv4(probe_address)});
+    shell::Pipe route("test_probing_route", "route | grep %s", {shell::ipv4(probe_address, "the probe address")});
     if (!route.is_open()) {
         // Lenient on purpose: a broken shell must not block the ping that follows.
         std::fprintf(stderr, "%s(%d) popen failed key =[%s]\n", "test_probing_route", 275,
@@ -144,7 +144,7 @@ int test_probing_route() {
 
 int del_probing_route() {
     if (store::match("wan_proto", "pppoe"))
-        return shell::run("del_probing_route", "route del %s", {shell::ipv4(probe_address)});
+        return shell::run("del_probing_route", "route del %s", {shell::ipv4(probe_address, "the probe address")});
     return shell::run("del_probing_route", "ip route delete %s via %s",
-                      {shell::ipv4(probe_address), shell::ipv4(store::get("wan_gateway"))});
+                      {shell::ipv4(probe_address, "the probe address"), shell::ipv4(store::get("wan_gateway"), "wan_gateway")});
 }

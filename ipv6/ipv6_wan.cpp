@@ -142,7 +142,7 @@ int ipv6_wan_start(const char *mode, const char *wan_ifname, const char *wan_add
     } else {
         std::string address = lan_address(mode, lan_prefix, lan_length);
         shell::run(kRoutine, "ifconfig %s add %s/%s",
-                   {shell::ifname(get("lan_ifname")), shell::ipv6(address),
+                   {shell::ifname(get("lan_ifname"), "lan_ifname"), shell::ipv6(address),
                     shell::digits(lan_length)});
         set("ipv6_lan_ipaddr", address.c_str());
         set("ipv6_lan_length", lan_length);

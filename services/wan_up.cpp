@@ -85,20 +85,20 @@ void add_ether_routes(const char *ifname) {
         write_ppp_resolv(1);
         shell::run("wan_up", "route delete default");
         store::set("first_wan_status", "1");
-        shell::run("wan_up", "route add default dev %s", {shell::ifname(ifname)});
+        shell::run("wan_up", "route add default dev %s", {shell::ifname(ifname, "the interface name")});
         return;
     }
     std::string gateway = get("wan_gateway");
     shell::run("wan_up", "route add -host %s dev %s",
-               {shell::ipv4(gateway), shell::ifname(get("wan_ifname"))});
-    shell::run("wan_up", "route add default gw %s", {shell::ipv4(gateway)});
+               {shell::ipv4(gateway, "the gateway"), shell::ifname(get("wan_ifname"), "wan_ifname")});
+    shell::run("wan_up", "route add default gw %s", {shell::ipv4(gateway, "the gateway")});
 }
 
 void add_lte_routes() {
     std::string gateway = get("wan1_gateway");
     shell::run("wan_up", "route add -host %s dev %s",
-               {shell::ipv4(gateway), shell::ifname(get("wan1_ifname"))});
-    shell::run("wan_up", "route add default gw %s", {shell::ipv4(gateway)});
+               {shell::ipv4(gateway, "the gateway"), shell::ifname(get("wan1_ifname"), "wan1_ifname")});
+    shell::run("wan_up", "route add default gw %s", {shell::ipv4(gateway, "the gateway")});
 }
 
 // The dynamic-DNS client re-registers the new address on SIGUSR2. No pid file: not running.

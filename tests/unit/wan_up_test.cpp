@@ -201,7 +201,8 @@ TEST_F(WanUp, FeatureMask_FollowsProtocolAndQosSwitches) {
 // Stored values are covered with the other hostile values; the interface comes from pppd.
 TEST_F(WanUp, ShellMetacharactersInInterface_RefusedNotRun_FirewallStillSignalled) {
     set({{"wan_proto", "pppoe"}});
-    EXPECT_THAT(output_of([] { wan_up("ppp0;reboot"); }, true), HasSubstr("wan_up: refused value"));
+    EXPECT_THAT(output_of([] { wan_up("ppp0;reboot"); }, true),
+                HasSubstr("wan_up: refused the interface name \"ppp0;reboot\""));
     EXPECT_THAT(testroot::shell_commands(), Not(Contains(HasSubstr("reboot"))));
     EXPECT_THAT(wan_commands(), Contains("killall -SIGUSR2 check_fw"));
 }
