@@ -1,6 +1,7 @@
 # The two commands a newcomer needs: `make demo` runs the simulated router, `make test` runs
 # every test. Both install the Debian packages they need first (run as root). `make arm-test`
-# builds for the router and tests that build under emulation.
+# builds for the router and tests that build under emulation; `make vendor-check` builds the
+# firmware variant against a stand-in of the vendor's libraries.
 BUILD ?= build
 JOBS ?= $(shell nproc)
 
@@ -10,7 +11,7 @@ ARM_EXCLUDE = $(shell sed -e '/^\#/d' -e '/^[[:space:]]*$$/d' -e 's/[[:space:]].
                           tests/qemu-excluded.txt | paste -sd '|')
 
 .PHONY: test demo sim-bench soak sim-build deps build arm-test arm-build arm-deps
-.PHONY: sanitize-test sanitize-build fuzz
+.PHONY: sanitize-test sanitize-build fuzz vendor-check
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
@@ -43,6 +44,14 @@ build: deps
 
 deps:
 	tools/install-deps $(BUILD)
+
+# The firmware build (-DFAILOVER_PLATFORM=vendor) with the host's compiler, against a throwaway
+# sysroot whose libvesk_shared and libnat hold only the platform contract: fails when a program
+# the firmware installs calls anything else, or the install holds other programs
+# (tests/contract/vendor-check).
+VENDOR_BUILD ?= build-vendor
+vendor-check: deps
+	JOBS=$(JOBS) tests/contract/vendor-check $(VENDOR_BUILD)
 
 # The router's build: 32-bit ARM, static, size-optimised; its size report (tools/size-report;
 # --record adds a history line), then its unit tests under qemu-arm in the same test root.

@@ -314,8 +314,3 @@ void stop_ether_wan() {
         end_pppd();
     }
 }
-
-void stop_lte_dhcp_client() {
-    end_dhcp_client("udhcpc1", "/var/run/udhcpc1.pid");
-    remove_wan_dns(get("wan1_ifname"));
-}

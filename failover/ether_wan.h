@@ -20,9 +20,6 @@ int PPPoE_connection_probe();
 // Stops the Ethernet WAN's client for the current `wan_proto`.
 void stop_ether_wan();
 
-// Kills the LTE interface's DHCP client and drops its DNS servers from the resolver file.
-void stop_lte_dhcp_client();
-
 // The probes' wait for a WAN address: up to 5 passes of 2 s, left once `read_address` (the
 // value of `wan_ipaddr`) is not "0.0.0.0". `sleep_first`: the Ethernet probe sleeps before each
 // look, the PPPoE probe after it. 0 to go on probing, with or without an address; -1 after the

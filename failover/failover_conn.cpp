@@ -16,6 +16,7 @@
 #include "failover/wan_clients.h"
 #include "platform/nvram.h"
 #include "shared/file.h"
+#include "shared/generated_file.h"
 #include "shared/store.h"
 
 namespace {
@@ -27,13 +28,10 @@ using store::set;
 // ---- Start-up ---------------------------------------------------------------------------
 
 void write_pid_file() {
-    File f = open_file("/var/run/failover.pid", "w");
-    if (!f) {
-        int err = errno;
-        std::perror("failover fopen error");
-        std::exit(err);
-    }
-    std::fprintf(f.get(), "%d", getpid());
+    GeneratedFile f("/var/run/failover.pid", "failover fopen error");
+    if (f) f.printf("%d", getpid());
+    // A pid file that could not be written whole is a failed start as much as a failed open.
+    if (int err = f ? f.commit() : errno) std::exit(err);
 }
 
 void make_event_fifo() {

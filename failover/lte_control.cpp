@@ -1,7 +1,9 @@
 // The LTE control channel: one JSON request per connection to the LTE connection manager.
 #include "failover/lte_control.h"
 
+#include "failover/wan_clients.h"
 #include "platform/nvram.h"
+#include "services/dns.h"
 #include "shared/unique_fd.h"
 #include "shared/store.h"
 
@@ -188,4 +190,9 @@ void lte_disconnect() {
         std::puts("disconnect apply OK!");
     else
         std::printf("disconnect apply fail! ret=%d\n", ret);
+}
+
+void stop_lte_dhcp_client() {
+    end_dhcp_client("udhcpc1", "/var/run/udhcpc1.pid");
+    remove_wan_dns(store::get("wan1_ifname"));
 }

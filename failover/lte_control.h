@@ -25,3 +25,6 @@ void lte_connect();
 
 // Asks the manager to disconnect; waits for nothing.
 void lte_disconnect();
+
+// Kills the LTE interface's DHCP client and drops its DNS servers from the resolver file.
+void stop_lte_dhcp_client();

@@ -9,12 +9,15 @@
 #include "platform/vesk_shared.h"
 #include "shared/command.h"
 #include "shared/file.h"
+#include "shared/generated_file.h"
 #include "shared/store.h"
+#include "shared/values.h"
 
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 
 namespace {
 
@@ -41,44 +44,71 @@ int open_failure(const char *path) {
     return error;
 }
 
-void write_pool_range(std::FILE *f) {
+constexpr const char *kRoutine = "start_dhcp6s";
+
+// A blank-separated list of words, as the option lines carry them: a quote, ';', a brace or a
+// line end inside would end the option early or start another.
+bool list_fits(const char *key, const char *list) {
+    std::string_view rest = list;
+    while (!rest.empty()) {
+        std::size_t end = rest.find(' ');
+        if (!values::fits(values::Kind::token, rest.substr(0, end))) {
+            values::report_refused(kRoutine, key, list, "not a list of single words");
+            return false;
+        }
+        rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
+    }
+    return true;
+}
+
+// An optional "option NAME LIST ;" line: left out when the list is empty or refused.
+void option_line(GeneratedFile &f, const char *name, const char *key) {
+    const char *list = get(key);
+    if (*list != '\0' && list_fits(key, list)) f.printf("option %s %s ;\n", name, list);
+}
+
+void write_pool_range(GeneratedFile &f) {
     const char *lan = get("ipv6_lan_ipaddr");
     const char *length = get("ipv6_lan_length");
     char first[VESK_IPV6_TEXT_SIZE] = "";
     char last[VESK_IPV6_TEXT_SIZE] = "";
     create_ipv6_addr(lan, atoi32(length), "1000", first);
     create_ipv6_addr(lan, atoi32(length), "2000", last);
-    std::fprintf(f, "range %s to %s/%s;\n", first, last, length);
+    if (values::check(kRoutine, "ipv6_lan_length", length, values::Kind::token))
+        f.printf("range %s to %s/%s;\n", first, last, length);
 }
 
-void write_conf(std::FILE *f) {
+void write_conf(GeneratedFile &f, const char *lan_ifname) {
     const char *lifetime = get("lan_dhcpsv6_lifetime");
     // The router's unsigned long is 32 bits: the product wraps there, and so it does here.
     std::uint32_t valid = strtoul32(lifetime);
     std::uint32_t renew = valid / 2;
     std::uint32_t rebind = static_cast<std::uint32_t>(3u * valid) / 4;
     bool pool = match("lan_dhcpsv6_enable", "1");
+    const char *dns = get(lan_dns_server_key());
 
-    std::fprintf(f, "interface %s {\n", get("lan_ifname"));
-    std::fprintf(f, "option dns_servers %s ;\n", lan_dns_server());
-    if (!match("ipv6_sip_servers", ""))
-        std::fprintf(f, "option sip_servers %s ;\n", get("ipv6_sip_servers"));
-    if (!match("ipv6_ntp_servers", ""))
-        std::fprintf(f, "option ntp_servers %s ;\n", get("ipv6_ntp_servers"));
-    std::fprintf(f, "renew-time %lu ;\n", static_cast<unsigned long>(renew));
-    std::fprintf(f, "rebind-time %lu ;\n", static_cast<unsigned long>(rebind));
-    std::fprintf(f, "prefer-life-time %s ;\n", lifetime);
-    std::fprintf(f, "valid-life-time %s ;\n", lifetime);
-    std::fprintf(f, "allow rapid-commit ;\n");
-    if (match("lan_dhcpsv6_enable", "0")) std::fprintf(f, "send information-only;\n");
-    std::fprintf(f, "link LAN {\n");
-    if (pool) {
-        std::fprintf(f, "pool {\n");
-        if (!match("ipv6_lan_ipaddr", "")) write_pool_range(f);
-        std::fprintf(f, "};\n");
+    f.printf("interface %s {\n", lan_ifname);
+    if (values::check(kRoutine, lan_dns_server_key(), dns, values::Kind::token))
+        f.printf("option dns_servers %s ;\n", dns);
+    option_line(f, "sip_servers", "ipv6_sip_servers");
+    option_line(f, "ntp_servers", "ipv6_ntp_servers");
+    f.printf("renew-time %lu ;\n", static_cast<unsigned long>(renew));
+    f.printf("rebind-time %lu ;\n", static_cast<unsigned long>(rebind));
+    // The server's own default stands in for a lifetime that would split the line.
+    if (values::check(kRoutine, "lan_dhcpsv6_lifetime", lifetime, values::Kind::token)) {
+        f.printf("prefer-life-time %s ;\n", lifetime);
+        f.printf("valid-life-time %s ;\n", lifetime);
     }
-    std::fprintf(f, "};\n");
-    std::fprintf(f, "};\n\n");
+    f.put("allow rapid-commit ;\n");
+    if (match("lan_dhcpsv6_enable", "0")) f.put("send information-only;\n");
+    f.put("link LAN {\n");
+    if (pool) {
+        f.put("pool {\n");
+        if (!match("ipv6_lan_ipaddr", "")) write_pool_range(f);
+        f.put("};\n");
+    }
+    f.put("};\n");
+    f.put("};\n\n");
 }
 
 }  // namespace
@@ -88,10 +118,14 @@ int start_dhcp6s() {
 
     // The server keeps its leases across restarts; it only needs the file to exist.
     if (!open_file(kLeasesPath, "a")) return open_failure(kLeasesPath);
+    // The server cannot serve a LAN interface it could not be told about.
+    const char *lan_ifname = get("lan_ifname");
+    if (!values::check(kRoutine, "lan_ifname", lan_ifname, values::Kind::ifname)) return EINVAL;
     {
-        File f = open_file(kConfPath, "w");
-        if (!f) return open_failure(kConfPath);
-        write_conf(f.get());
+        GeneratedFile f(kConfPath);
+        if (!f) return errno;
+        write_conf(f, lan_ifname);
+        if (int error = f.commit()) return error;
     }
 
     if (match("hidden_page_debug_ipv6", "1")) {

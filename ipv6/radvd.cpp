@@ -9,7 +9,9 @@
 #include "platform/vesk_shared.h"
 #include "shared/command.h"
 #include "shared/file.h"
+#include "shared/generated_file.h"
 #include "shared/store.h"
+#include "shared/values.h"
 #include "shared/settings.h"
 
 #include <cerrno>
@@ -42,64 +44,77 @@ struct Proto {
     bool dynamic_lifetimes_allowed() const { return !is("fixed") && !six_to_four() && !six_rd(); }
 };
 
+constexpr const char *kRoutine = "write_radvd_conf";
+
+// One "<indent><name> <value>;" directive from the store. radvd reads words up to ';' and
+// blocks in braces: a value that would split there is refused and the directive left out, so
+// that radvd takes its own default for it.
+void directive(GeneratedFile &f, const char *indent, const char *name, const char *key) {
+    const char *value = get(key);
+    if (!values::check(kRoutine, key, value, values::Kind::token)) return;
+    f.printf("%s%s %s;\n", indent, name, value);
+}
+
 // Prefix block of a LAN prefix learnt or configured as an IPv6 address.
-void write_lan_prefix(std::FILE *f, const Proto &proto) {
+void write_lan_prefix(GeneratedFile &f, const Proto &proto) {
     char prefix[kIpv6PrefixSize] = "";
     if (get_ipv6_prefix(get("ipv6_lan_ipaddr"), atoi32(get("ipv6_lan_length")), prefix) != 0)
         return;
     bool dynamic = match("RA_use_dynamic_lifetime", "1") && proto.dynamic_lifetimes_allowed();
-    std::fprintf(f, " prefix %s {\n", prefix);
-    std::fprintf(f, "  AdvOnLink %s;\n", get("RA_AdvOnLink"));
-    std::fprintf(f, "  AdvAutonomous %s;\n", get("RA_AdvAutonomous"));
-    std::fprintf(f, "  AdvValidLifetime %s;\n",
-                 get(dynamic ? "RA_AdvValidLifetime_from_IAPD" : "RA_AdvValidLifetime"));
-    std::fprintf(f, "  AdvPreferredLifetime %s;\n",
-                 get(dynamic ? "RA_AdvPreferredLifetime_from_IAPD" : "RA_AdvPreferredLifetime"));
-    std::fprintf(f, " };\n");
+    f.printf(" prefix %s {\n", prefix);
+    directive(f, "  ", "AdvOnLink", "RA_AdvOnLink");
+    directive(f, "  ", "AdvAutonomous", "RA_AdvAutonomous");
+    directive(f, "  ", "AdvValidLifetime",
+              dynamic ? "RA_AdvValidLifetime_from_IAPD" : "RA_AdvValidLifetime");
+    directive(f, "  ", "AdvPreferredLifetime",
+              dynamic ? "RA_AdvPreferredLifetime_from_IAPD" : "RA_AdvPreferredLifetime");
+    f.put(" };\n");
 }
 
 // Prefix block of 6to4: radvd fills in the prefix from the WAN interface's IPv4 address.
-void write_6to4_prefix(std::FILE *f) {
-    std::fprintf(f, " prefix 0:0:0:%x::/64 {\n",
-                 static_cast<unsigned>(atoi32(get("ipv6_6to4_sla_id"))));
-    std::fprintf(f, "  AdvOnLink %s;\n", get("RA_AdvOnLink"));
-    std::fprintf(f, "  AdvAutonomous %s;\n", get("RA_AdvAutonomous"));
-    std::fprintf(f, "  AdvRouterAddr off;\n");
-    std::fprintf(f, "  Base6to4Interface %s;\n", wan_proto_is_ppp() ? "ppp0" : get("wan_ifname"));
-    std::fprintf(f, "  AdvValidLifetime %s;\n", get("RA_AdvValidLifetime"));
-    std::fprintf(f, "  AdvPreferredLifetime %s;\n", get("RA_AdvPreferredLifetime"));
-    std::fprintf(f, " };\n");
+void write_6to4_prefix(GeneratedFile &f) {
+    const char *base = wan_proto_is_ppp() ? "ppp0" : get("wan_ifname");
+    // Without its base interface the block would advertise the literal 0:0:0:x:: prefix.
+    if (!values::check(kRoutine, "wan_ifname", base, values::Kind::ifname)) return;
+    f.printf(" prefix 0:0:0:%x::/64 {\n", static_cast<unsigned>(atoi32(get("ipv6_6to4_sla_id"))));
+    directive(f, "  ", "AdvOnLink", "RA_AdvOnLink");
+    directive(f, "  ", "AdvAutonomous", "RA_AdvAutonomous");
+    f.put("  AdvRouterAddr off;\n");
+    f.printf("  Base6to4Interface %s;\n", base);
+    directive(f, "  ", "AdvValidLifetime", "RA_AdvValidLifetime");
+    directive(f, "  ", "AdvPreferredLifetime", "RA_AdvPreferredLifetime");
+    f.put(" };\n");
 }
 
 // The prefix advertised before the last change, withdrawn with zero lifetimes so that LAN
 // hosts drop their addresses in it.
-void write_obsolete_prefix(std::FILE *f) {
+void write_obsolete_prefix(GeneratedFile &f) {
     char prefix[kIpv6PrefixSize] = "";
     if (get_ipv6_prefix(get("radvd_lan_obsolete_ipaddr"),
                         atoi32(get("radvd_lan_obsolete_ipaddr_length")), prefix) != 0)
         return;
-    std::fprintf(f, " prefix %s {\n", prefix);
-    std::fprintf(f, "  AdvOnLink on;\n");
-    std::fprintf(f, "  AdvAutonomous off;\n");
-    std::fprintf(f, "  AdvValidLifetime %s;\n", "0");
-    std::fprintf(f, "  AdvPreferredLifetime %s;\n", "0");
-    std::fprintf(f, " };\n");
+    f.printf(" prefix %s {\n", prefix);
+    f.put("  AdvOnLink on;\n");
+    f.put("  AdvAutonomous off;\n");
+    f.put("  AdvValidLifetime 0;\n");
+    f.put("  AdvPreferredLifetime 0;\n");
+    f.put(" };\n");
 }
 
-void write_interface(std::FILE *f, const Proto &proto) {
-    std::fprintf(f, "interface %s {\n", get("lan_ifname"));
-    std::fprintf(f, " AdvSendAdvert on;\n");
-    std::fprintf(f, " AdvCurHopLimit %s;\n", get("RA_AdvCurHopLimit"));
-    std::fprintf(f, " MinRtrAdvInterval %s;\n", get("RA_MinRtrAdvInterval"));
-    std::fprintf(f, " MaxRtrAdvInterval %s;\n", get("RA_MaxRtrAdvInterval"));
-    std::fprintf(f, " AdvManagedFlag %s;\n", get("RA_AdvManagedFlag"));
-    std::fprintf(f, " AdvOtherConfigFlag %s;\n", get("RA_AdvOtherConfigFlag"));
-    std::fprintf(f, " AdvDefaultLifetime %s;\n", get("RA_AdvDefaultLifetime"));
-    std::fprintf(f, " AdvReachableTime %s;\n", get("RA_AdvReachableTime"));
-    std::fprintf(f, " AdvRetransTimer %s;\n", get("RA_AdvRetransTimer"));
-    std::fprintf(f, " AdvDefaultPreference low;\n");
-    std::fprintf(f, " AdvHomeAgentFlag off;\n");
-    if (proto.six_rd()) std::fprintf(f, " AdvLinkMTU %s;\n", get("ipv6rd_wan_mtu"));
+void write_interface(GeneratedFile &f, const Proto &proto, const char *lan_ifname) {
+    f.printf("interface %s {\n", lan_ifname);
+    f.put(" AdvSendAdvert on;\n");
+    directive(f, " ", "AdvCurHopLimit", "RA_AdvCurHopLimit");
+    directive(f, " ", "MinRtrAdvInterval", "RA_MinRtrAdvInterval");
+    directive(f, " ", "MaxRtrAdvInterval", "RA_MaxRtrAdvInterval");
+    directive(f, " ", "AdvManagedFlag", "RA_AdvManagedFlag");
+    directive(f, " ", "AdvOtherConfigFlag", "RA_AdvOtherConfigFlag");
+    directive(f, " ", "AdvDefaultLifetime", "RA_AdvDefaultLifetime");
+    directive(f, " ", "AdvReachableTime", "RA_AdvReachableTime");
+    directive(f, " ", "AdvRetransTimer", "RA_AdvRetransTimer");
+    f.put(" AdvDefaultPreference low;\n");
+    f.put(" AdvHomeAgentFlag off;\n");
+    if (proto.six_rd()) directive(f, " ", "AdvLinkMTU", "ipv6rd_wan_mtu");
     // With managed addresses the hosts get theirs from DHCPv6 only.
     if (!match("ipv6_lan_ipaddr", "") && !match("RA_AdvManagedFlag", "on")) {
         if (proto.six_to_four())
@@ -108,14 +123,18 @@ void write_interface(std::FILE *f, const Proto &proto) {
             write_lan_prefix(f, proto);
     }
     write_obsolete_prefix(f);
-    std::fprintf(f, " RDNSS %s {\n", lan_dns_server());
-    std::fprintf(f, "  AdvRDNSSPreference 0;\n");
-    // Twice the longest advertisement interval, in 32-bit arithmetic as on the router.
-    auto lifetime = static_cast<std::uint32_t>(
-        2u * static_cast<std::uint32_t>(atoi32(get("RA_MaxRtrAdvInterval"))));
-    std::fprintf(f, "  AdvRDNSSLifetime %lu;\n", static_cast<unsigned long>(lifetime));
-    std::fprintf(f, " };\n");
-    std::fprintf(f, "};\n\n");
+    // The DNS server block is left out rather than written with something else in it.
+    const char *dns = get(lan_dns_server_key());
+    if (values::check(kRoutine, lan_dns_server_key(), dns, values::Kind::token)) {
+        f.printf(" RDNSS %s {\n", dns);
+        f.put("  AdvRDNSSPreference 0;\n");
+        // Twice the longest advertisement interval, in 32-bit arithmetic as on the router.
+        auto lifetime = static_cast<std::uint32_t>(
+            2u * static_cast<std::uint32_t>(atoi32(get("RA_MaxRtrAdvInterval"))));
+        f.printf("  AdvRDNSSLifetime %lu;\n", static_cast<unsigned long>(lifetime));
+        f.put(" };\n");
+    }
+    f.put("};\n\n");
 }
 
 void enable_forwarding() {
@@ -135,24 +154,24 @@ int rdnss_from_link_local() {
     return 0;
 }
 
-const char *lan_dns_server() {
-    if (rdnss_from_link_local()) return get("lan_ipv6_link_local_addr1");
-    if (!match("ipv6_lan_ipaddr", "")) return get("ipv6_lan_ipaddr");
-    return get("lan_ipv6_link_local_addr");
+const char *lan_dns_server_key() {
+    if (rdnss_from_link_local()) return "lan_ipv6_link_local_addr1";
+    if (!match("ipv6_lan_ipaddr", "")) return "ipv6_lan_ipaddr";
+    return "lan_ipv6_link_local_addr";
 }
 
 int write_radvd_conf() {
     Proto proto;
     if (proto.is("disable") || proto.is("passthrough") || proto.is_auto("passthrough")) return 0;
 
+    // Without a LAN interface radvd has nothing to serve; with a refused one, nothing it can.
+    const char *lan_ifname = get("lan_ifname");
+    if (!values::check(kRoutine, "lan_ifname", lan_ifname, values::Kind::ifname)) return EINVAL;
     {
-        File f = open_file(kConfPath, "w");
-        if (!f) {
-            int error = errno;
-            std::perror(kConfPath);
-            return error;
-        }
-        if (!match("lan_ifname", "")) write_interface(f.get(), proto);
+        GeneratedFile f(kConfPath);
+        if (!f) return errno;
+        if (*lan_ifname != '\0') write_interface(f, proto, lan_ifname);
+        if (int error = f.commit()) return error;
     }
     enable_forwarding();
 

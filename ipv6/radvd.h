@@ -8,7 +8,7 @@ int write_radvd_conf();
 // 1 when the DNS server advertised on the LAN is the second link-local address, else 0.
 int rdnss_from_link_local();
 
-// The DNS server address handed to LAN hosts (RDNSS and DHCPv6): the second link-local address
-// when rdnss_from_link_local(), else the LAN address when set, else the link-local address.
-// The text belongs to the configuration store.
-const char *lan_dns_server();
+// The key holding the DNS server address handed to LAN hosts (RDNSS and DHCPv6): the second
+// link-local address when rdnss_from_link_local(), else the LAN address when set, else the
+// link-local address.
+const char *lan_dns_server_key();

@@ -2,17 +2,22 @@
 // resolver file in the Japan region. The file on disk is the only state.
 #include "services/dns.h"
 
-#include "platform/nvram.h"
 #include "platform/vesk_shared.h"
 #include "shared/file.h"
-#include "shared/store.h"
+#include "shared/generated_file.h"
 #include "shared/settings.h"
+#include "shared/store.h"
+#include "shared/values.h"
 
 #include <arpa/inet.h>
+
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <optional>
+#include <string>
 
 namespace {
 
@@ -69,21 +74,68 @@ void split_line(char *line, const char *&first, const char *&second) {
     second = first ? strtok_r(nullptr, " \t\n", &rest) : nullptr;
 }
 
-bool is_server_line_for(char *line, const char *address) {
+bool is_server_line_for(std::string_view piece, const char *address) {
+    std::string line(piece);
     const char *first = nullptr, *second = nullptr;
-    split_line(line, first, second);
+    split_line(line.data(), first, second);
     return first && second && std::strcmp(first, "nameserver") == 0 &&
            std::strcmp(second, address) == 0;
 }
 
-// Rewinds and reads the file up to the server line for `address`. True when it was found: the
-// file position is then just past that line; otherwise it is at the end of the file.
-bool seek_server_line(std::FILE *f, const char *address) {
-    std::fseek(f, 0, SEEK_SET);
-    char line[kResolvLineSize];
-    while (std::fgets(line, sizeof line, f))
-        if (is_server_line_for(line, address)) return true;
-    return false;
+// Calls `visit(piece, end)` for the file's text as fgets reads it into a buffer of `size`
+// bytes: pieces of at most size - 1 characters, each ending at a newline or where the buffer
+// is full; `end` is the offset just past the piece. Stops when `visit` returns true.
+template <typename Visit>
+void for_each_piece(std::string_view text, std::size_t size, Visit visit) {
+    std::size_t at = 0;
+    while (at < text.size()) {
+        std::size_t newline = text.find('\n', at);
+        std::size_t length = newline == std::string_view::npos ? text.size() - at : newline - at + 1;
+        if (length > size - 1) length = size - 1;
+        if (visit(text.substr(at, length), at + length)) return;
+        at += length;
+    }
+}
+
+// Where a search from the start for the server line of `address` leaves the file position:
+// just past that line, or nothing when the file has none (the search ends at the end).
+std::optional<std::size_t> find_server_line(std::string_view text, const char *address,
+                                            std::size_t line_size) {
+    std::optional<std::size_t> found;
+    for_each_piece(text, line_size, [&](std::string_view piece, std::size_t end) {
+        if (is_server_line_for(piece, address)) found = end;
+        return found.has_value();
+    });
+    return found;
+}
+
+// A server token from the store goes into a line of its own: a line end or a blank in it would
+// make lines or words of its own, and '#' or ';' would start a comment.
+bool server_token_fits(const char *routine, const char *token) {
+    return values::check(routine, "DNS server", token, values::Kind::token);
+}
+
+// The file's text; nothing, after perror with `label` and with errno kept, when it cannot be
+// read.
+std::optional<std::string> read_whole(const char *path, const char *label) {
+    File f = open_file(path, "r");
+    std::string text;
+    if (f) {
+        char buf[4096];
+        std::size_t n;
+        while ((n = std::fread(buf, 1, sizeof buf, f.get())) > 0) text.append(buf, n);
+        if (!std::ferror(f.get())) return text;
+    }
+    int error = errno;
+    std::perror(label);
+    errno = error;
+    return std::nullopt;
+}
+
+// The resolver file keeps its mode when it is rewritten in place.
+mode_t mode_of(const char *path) {
+    struct stat st {};
+    return stat(path, &st) == 0 ? (st.st_mode & 07777) : GeneratedFile::kCreationMode;
 }
 
 // Addresses dnsmasq must never be given: no address, loopback, broadcast, or too short to be
@@ -239,15 +291,11 @@ bool next_dns_token(const char *&pos, char (&token)[kDnsTokenSize]) {
 int update_resolv_conf(const char *ifname) {
     if (!ifname) ifname = "";
     DnsList list;
-    File session2;
+    std::optional<GeneratedFile> session2;
 
     if (in_japan_region() && std::strcmp(ifname, "ppp1") == 0) {
-        session2 = open_file(kSession2Path, "w");
-        if (!session2) {
-            int err = errno;
-            std::perror(kSession2Path);
-            return err;
-        }
+        session2.emplace(kSession2Path);
+        if (!*session2) return errno;
         list.add(get(match("wan2_dns_sel", "1") ? "wan2_dns1" : "wan2_dns"));
     } else if (match("wwan_wan_type", "1") && match("wan_ipaddr", "0.0.0.0")) {
         choose_unaddressed_list(list);
@@ -261,39 +309,64 @@ int update_resolv_conf(const char *ifname) {
         std::fprintf(stderr, "update_resolv_conf: DNS list longer than %zu characters, cut\n",
                      kListSize - 1);
 
-    File resolv = open_file(kResolvPath, "r+");
-    if (!resolv) {
-        int err = errno;
-        std::perror(kResolvPath);
-        return err;
+    std::optional<std::string> resolv = read_whole(kResolvPath, kResolvPath);
+    if (!resolv) return errno;
+    std::string session2_text;
+    merge_dns_servers(*resolv, list.text, session2 ? &session2_text : nullptr);
+    if (session2) {
+        session2->put(session2_text);
+        if (int error = session2->commit()) return error;
     }
-    merge_dns_servers(resolv.get(), list.text, session2.get());
-    resolv.reset();
-    session2.reset();
+    if (int error = write_generated_file(kResolvPath, *resolv, mode_of(kResolvPath)))
+        return error;
 
     reload_dnsmasq();
     return 0;
 }
 
-void merge_dns_servers(std::FILE *f, const char *list, std::FILE *session2) {
+void merge_dns_servers(std::string &resolv, const char *list, std::string *session2) {
+    // The router edits the file in place ("r+"): the position starts at the beginning, each
+    // search moves it, and the options line is written wherever the last search left it.
+    std::size_t position = 0;
     const char *pos = list;
     char token[kDnsTokenSize];
     while (next_dns_token(pos, token)) {
-        bool present = seek_server_line(f, token);
+        if (!server_token_fits("update_resolv_conf", token)) continue;
+        std::optional<std::size_t> present = find_server_line(resolv, token, kResolvLineSize);
+        position = present.value_or(resolv.size());
         if (is_special_address(token)) {
             std::printf("Bypass special address '%s'\n", token);
         } else if (!present) {
-            std::fseek(f, 0, SEEK_CUR);  // from reading to writing
-            std::fprintf(f, "nameserver %s\n", token);
+            resolv += std::string("nameserver ") + token + "\n";
+            position = resolv.size();
         }
         // The session-2 file takes every token, special addresses included.
-        if (session2) std::fprintf(session2, "nameserver %s\n", token);
+        if (session2) *session2 += std::string("nameserver ") + token + "\n";
     }
+    const std::string options = kOptionsLine;
+    resolv.replace(position, std::min(options.size(), resolv.size() - position), options);
+}
 
-    // Wherever the last search left the position: the end after an append, just past the
-    // matching line otherwise, the start when the list was empty.
-    std::fseek(f, 0, SEEK_CUR);
-    std::fputs(kOptionsLine, f);
+bool merge_resolv_nameservers(const char *servers, std::size_t line_size) {
+    std::optional<std::string> resolv = read_whole(kResolvPath, kResolvPath);
+    if (!resolv) return false;
+    add_missing_nameservers(*resolv, servers, line_size);
+    return write_generated_file(kResolvPath, *resolv, mode_of(kResolvPath)) == 0;
+}
+
+void add_missing_nameservers(std::string &resolv, const char *servers, std::size_t line_size) {
+    const char *p = servers;
+    for (;;) {
+        while (*p == ' ') ++p;
+        if (*p == '\0') break;
+        std::size_t length = std::strcspn(p, " ");
+        // An address longer than a line holds is taken in pieces, as a fixed-width scan does.
+        std::string address(p, std::min(length, line_size - 1));
+        p += address.size();
+        if (!server_token_fits("merge_resolv_nameservers", address.c_str())) continue;
+        if (!find_server_line(resolv, address.c_str(), line_size))
+            resolv += "nameserver " + address + "\n";
+    }
 }
 
 void write_ppp_resolv(int mode) {
@@ -307,61 +380,42 @@ void write_ppp_resolv(int mode) {
             servers = get("l2tp_dhcp_dns");
     }
 
-    File f = open_file(kPppTempPath, "w");
-    if (!f) {
-        std::perror(kPppTempPath);
-        return;
-    }
+    GeneratedFile f(kResolvPath, kPppTempPath, kPppTempPath);
+    if (!f) return;
     const char *pos = servers;
     char token[kDnsTokenSize];
-    while (next_dns_token(pos, token)) std::fprintf(f.get(), "nameserver %s\n", token);
-    std::fputs(kOptionsLine, f.get());
-    f.reset();
-
-    std::remove(kResolvPath);
-    if (std::rename(kPppTempPath, kResolvPath) != 0)
-        std::fprintf(stderr, "write_ppp_resolv: rename %s: %s\n", kPppTempPath,
-                     std::strerror(errno));
+    while (next_dns_token(pos, token))
+        if (server_token_fits("write_ppp_resolv", token)) f.printf("nameserver %s\n", token);
+    f.put(kOptionsLine);
+    f.commit();
 }
 
 int remove_wan_dns(const char *ifname) {
     if (!ifname) ifname = "";
-    File in = open_file(kResolvPath, "r");
-    if (!in) {
-        int err = errno;
-        std::perror("fopen /tmp/resolv.conf");
-        return err;
-    }
-    File out = open_file(kRemoveTempPath, "w");
-    if (!out) {
-        int err = errno;
-        std::perror("fopen /tmp/resolv.tmp");
-        return err;
-    }
+    std::optional<std::string> resolv = read_whole(kResolvPath, "fopen /tmp/resolv.conf");
+    if (!resolv) return errno;
+    GeneratedFile out(kResolvPath, "fopen /tmp/resolv.tmp", kRemoveTempPath);
+    if (!out) return errno;
 
     bool japan = in_japan_region();
-    remove_dns_servers(in.get(), out.get(), list_of_stopping_wan(ifname, japan), japan);
-    in.reset();
-    out.reset();
-
-    std::remove(kResolvPath);
-    if (std::rename(kRemoveTempPath, kResolvPath) != 0)
-        std::fprintf(stderr, "remove_wan_dns: rename %s: %s\n", kRemoveTempPath,
-                     std::strerror(errno));
+    out.put(remove_dns_servers(*resolv, list_of_stopping_wan(ifname, japan), japan));
+    if (int error = out.commit()) return error;
     reload_dnsmasq();
     return 0;
 }
 
-void remove_dns_servers(std::FILE *in, std::FILE *out, const char *list, bool japan) {
-    char line[kResolvLineSize];
-    while (std::fgets(line, sizeof line, in)) {
+std::string remove_dns_servers(std::string_view resolv, const char *list, bool japan) {
+    std::string kept;
+    for_each_piece(resolv, kResolvLineSize, [&](std::string_view piece, std::size_t) {
+        std::string line(piece);
         const char *first = nullptr, *address = nullptr;
-        split_line(line, first, address);
-        if (!first || !address || std::strcmp(first, "nameserver") != 0) continue;
+        split_line(line.data(), first, address);
+        if (!first || !address || std::strcmp(first, "nameserver") != 0) return false;
         bool drop = japan ? drop_in_japan(list, address) : drop_outside_japan(list, address);
-        if (!drop) std::fprintf(out, "nameserver %s\n", address);
-    }
-    std::fputs(kOptionsLine, out);
+        if (!drop) kept += std::string("nameserver ") + address + "\n";
+        return false;
+    });
+    return kept + kOptionsLine;
 }
 
 int dns_routed_via_wan(const char *address) {

@@ -3,6 +3,8 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <string>
+#include <string_view>
 
 // Merges the DNS list of WAN `ifname` into the resolver file and tells dnsmasq to re-read it.
 // 0, or the error number when a file cannot be opened.
@@ -29,15 +31,25 @@ inline constexpr std::size_t kDnsTokenSize = 100;
 // token, which ends the walk.
 bool next_dns_token(const char *&pos, char (&token)[kDnsTokenSize]);
 
-// Merges the DNS list into the resolver file `resolv` (open "r+"): a server line is appended
-// for each usable token not listed yet, then the options line at the position the last search
-// left. `session2`, when not null, gets a server line for every token.
-void merge_dns_servers(std::FILE *resolv, const char *list, std::FILE *session2);
+// Merges the DNS list into the text of the resolver file `resolv` as the router's in-place
+// edit does: a server line is appended for each usable token not listed yet, then the options
+// line is written at the position the last search left (over what stood there). `session2`,
+// when not null, gets a server line for every token.
+void merge_dns_servers(std::string &resolv, const char *list, std::string *session2);
 
-// Copies the server lines of the resolver file `in` to `out`, less the servers of the DNS list
-// `list` of the WAN that goes down, then the options line. Outside the Japan region the last
-// server of the list stays.
-void remove_dns_servers(std::FILE *in, std::FILE *out, const char *list, bool japan);
+// Adds a "nameserver ADDRESS" line to /tmp/resolv.conf for every address of the blank-separated
+// `servers` that has none yet (no options line): the DNS servers of a PPTP or L2TP tunnel over
+// a static link. Addresses and lines are read in pieces of `line_size` - 1 characters. False,
+// after a report, when the file cannot be read or written.
+bool merge_resolv_nameservers(const char *servers, std::size_t line_size);
+
+// The same on the text of the resolver file.
+void add_missing_nameservers(std::string &resolv, const char *servers, std::size_t line_size);
+
+// The server lines of the resolver file `resolv`, less the servers of the DNS list `list` of the
+// WAN that goes down, then the options line. Outside the Japan region the last server of the
+// list stays.
+std::string remove_dns_servers(std::string_view resolv, const char *list, bool japan);
 
 // 1 when a line of the kernel's route table `table` (the /proc/net/route format) on interface
 // `wan_ifname` covers dotted-quad `address`, else 0.

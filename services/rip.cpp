@@ -7,8 +7,10 @@
 #include "platform/vesk_shared.h"
 #include "shared/c_numbers.h"
 #include "shared/file.h"
+#include "shared/generated_file.h"
 #include "shared/store.h"
 #include "shared/settings.h"
+#include "shared/values.h"
 
 #include <arpa/inet.h>
 #include <unistd.h>
@@ -36,13 +38,6 @@ using store::get;
 
 int key_int(const char *key) { return atoi32(get(key)); }
 
-// A value with a line end or another control character would start a directive of its own.
-bool fits_one_line(const char *text) {
-    for (const char *p = text; *p; ++p)
-        if (static_cast<unsigned char>(*p) < 0x20 || *p == 0x7f) return false;
-    return true;
-}
-
 // The store values written into an interface section, read once per section.
 struct RipSettings {
     const char *version = get("rip_version");
@@ -66,11 +61,11 @@ int touch(const char *path, const char *mode) {
     return 0;
 }
 
-void write_send_version(std::FILE *f, const RipSettings &s) {
+void write_send_version(GeneratedFile &f, const RipSettings &s) {
     if (s.multicast == 0 && atoi32(s.version) == 2)
-        std::fputs("ip rip send version 2\n", f);
+        f.put("ip rip send version 2\n");
     else
-        std::fprintf(f, "ip rip send version %s\n", s.version);
+        f.printf("ip rip send version %s\n", s.version);
 }
 
 // Ones of a dotted netmask, octet by octet; an octet of 0 or 1 counts nothing.
@@ -87,10 +82,10 @@ int mask_length(const char *netmask) {
 
 // The deny line for one static route; the classful form takes the length from the address
 // class, and class D and E destinations get no line.
-void write_route_filter(std::FILE *f, const char *ifname, const char *destination,
+void write_route_filter(GeneratedFile &f, const char *ifname, const char *destination,
                         const char *netmask, bool classless) {
     if (classless) {
-        std::fprintf(f, "access-list private%s deny %s/%d\n", ifname, destination,
+        f.printf("access-list private%s deny %s/%d\n", ifname, destination,
                      mask_length(netmask));
         return;
     }
@@ -99,59 +94,58 @@ void write_route_filter(std::FILE *f, const char *ifname, const char *destinatio
     if (first_octet >= 1 && first_octet <= 127) length = 8;
     else if (first_octet >= 128 && first_octet <= 191) length = 16;
     else if (first_octet >= 192 && first_octet <= 223) length = 24;
-    if (length) std::fprintf(f, "access-list private%s deny %s/%d\n", ifname, destination, length);
+    if (length) f.printf("access-list private%s deny %s/%d\n", ifname, destination, length);
 }
 
 // What this interface must not advertise: nothing for the LAN; for the WAN the active static
 // routes and the LAN subnet.
-void write_private_filter(std::FILE *f, const char *ifname, bool is_lan, const RipSettings &s,
+void write_private_filter(GeneratedFile &f, const char *ifname, bool is_lan, const RipSettings &s,
                           char (*routes)[VESK_TOKEN_SIZE], int route_count, bool classless) {
     if (!is_lan) {
         for (int i = 0; i < route_count && i < kMaxStaticRoutes; ++i) {
             char fields[kRouteFields][VESK_TOKEN_SIZE] = {};
             getTokens(routes[i], ":", fields, kRouteFields);
             if (std::strcmp(fields[5], "1") != 0) continue;
-            if (!fits_one_line(fields[0])) {
-                std::fprintf(stderr, "write_rip_conf: static route %d has a control character in "
-                                     "its destination, not filtered\n", i + 1);
+            // A destination that would split the line is left unfiltered rather than written.
+            if (!values::check("write_rip_conf", "static_route destination", fields[0],
+                               values::Kind::token))
                 continue;
-            }
             write_route_filter(f, ifname, fields[0], fields[1], classless);
         }
-        std::fprintf(f, "access-list private%s deny %s/%d\n", ifname, s.lan_ipaddr,
+        f.printf("access-list private%s deny %s/%d\n", ifname, s.lan_ipaddr,
                      netmask_to_prefix_length(s.lan_netmask));
     }
-    std::fprintf(f, "access-list private%s permit any\n", ifname);
+    f.printf("access-list private%s permit any\n", ifname);
 }
 
-void write_direction(std::FILE *f, const char *ifname, bool is_lan, const RipSettings &s,
+void write_direction(GeneratedFile &f, const char *ifname, bool is_lan, const RipSettings &s,
                      char (*routes)[VESK_TOKEN_SIZE], int route_count) {
     int version = atoi32(s.version);
     switch (s.direction) {
         case 1:  // send and receive
-            std::fprintf(f, "interface %s\n", ifname);
+            f.printf("interface %s\n", ifname);
             write_send_version(f, s);
-            std::fprintf(f, "ip rip receive version %s\n", s.version);
-            std::fputs("router rip\n", f);
-            std::fprintf(f, "distribute-list private%s out %s\n", ifname, ifname);
+            f.printf("ip rip receive version %s\n", s.version);
+            f.put("router rip\n");
+            f.printf("distribute-list private%s out %s\n", ifname, ifname);
             write_private_filter(f, ifname, is_lan, s, routes, route_count, version == 2);
             break;
         case 2:  // receive only
-            std::fprintf(f, "interface %s\n", ifname);
-            std::fputs("no ip rip send version\n", f);
-            std::fprintf(f, "ip rip receive version %s\n", s.version);
-            std::fputs("router rip\n", f);
-            std::fprintf(f, "distribute-list private%s out %s\n", ifname, ifname);
-            std::fprintf(f, "access-list private%s deny any\n", ifname);
+            f.printf("interface %s\n", ifname);
+            f.put("no ip rip send version\n");
+            f.printf("ip rip receive version %s\n", s.version);
+            f.put("router rip\n");
+            f.printf("distribute-list private%s out %s\n", ifname, ifname);
+            f.printf("access-list private%s deny any\n", ifname);
             break;
         case 3:  // send and receive, everything incoming filtered out; no receive-version line
-            std::fprintf(f, "interface %s\n", ifname);
+            f.printf("interface %s\n", ifname);
             write_send_version(f, s);
-            std::fputs("router rip\n", f);
-            std::fprintf(f, "distribute-list active%s in %s\n", ifname, ifname);
-            std::fprintf(f, "access-list active%s deny any\n", ifname);
-            std::fputs("router rip\n", f);
-            std::fprintf(f, "distribute-list private%s out %s\n", ifname, ifname);
+            f.put("router rip\n");
+            f.printf("distribute-list active%s in %s\n", ifname, ifname);
+            f.printf("access-list active%s deny any\n", ifname);
+            f.put("router rip\n");
+            f.printf("distribute-list private%s out %s\n", ifname, ifname);
             write_private_filter(f, ifname, is_lan, s, routes, route_count, version > 1);
             break;
         default:
@@ -203,14 +197,11 @@ int write_rip_conf(const char *ifname, int is_lan) {
         return EINVAL;
     }
     RipSettings s;
-    const std::pair<const char *, const char *> written[] = {
-        {"the interface name", ifname}, {"rip_version", s.version}, {"lan_ipaddr", s.lan_ipaddr}};
-    for (const auto &[what, value] : written) {
-        if (fits_one_line(value)) continue;
-        std::fprintf(stderr, "write_rip_conf: %s holds a control character, nothing written\n",
-                     what);
+    // Each goes into directives of the section; one that would split them refuses the section.
+    if (!values::check("write_rip_conf", "the interface name", ifname, values::Kind::ifname) ||
+        !values::check("write_rip_conf", "rip_version", s.version, values::Kind::token) ||
+        !values::check("write_rip_conf", "lan_ipaddr", s.lan_ipaddr, values::Kind::token))
         return EINVAL;
-    }
 
     char routes[kMaxStaticRoutes][VESK_TOKEN_SIZE] = {};
     int route_count = getTokens(get("static_route"), " ", routes, kMaxStaticRoutes);
@@ -219,18 +210,15 @@ int write_rip_conf(const char *ifname, int is_lan) {
         if (int error = touch(kMulticastFlag, "w")) return error;
     if (int error = touch(kZebraConf, "a")) return error;
 
-    File f = open_file(kRipdConf, "a");
-    if (!f) {
-        int error = errno;
-        std::perror(kRipdConf);
-        return error;
-    }
-    std::fprintf(f.get(), "interface %s\n", ifname);
-    std::fputs(s.enabled && s.direction > 0 ? "router rip\n" : "no router rip\n", f.get());
-    std::fputs("redistribute kernel\nredistribute connected\nredistribute static\n", f.get());
-    std::fprintf(f.get(), "network %s\n", ifname);
-    write_direction(f.get(), ifname, is_lan != 0, s, routes, route_count);
-    return 0;
+    // Each call adds the section of one interface to what the earlier calls wrote.
+    GeneratedFile f(kRipdConf);
+    if (!f || !f.keep_existing()) return errno;
+    f.printf("interface %s\n", ifname);
+    f.put(s.enabled && s.direction > 0 ? "router rip\n" : "no router rip\n");
+    f.put("redistribute kernel\nredistribute connected\nredistribute static\n");
+    f.printf("network %s\n", ifname);
+    write_direction(f, ifname, is_lan != 0, s, routes, route_count);
+    return f.commit();
 }
 
 int netmask_to_prefix_length(const char *netmask) {

@@ -40,7 +40,7 @@ std::optional<std::string> format(const char *routine, const char *fmt,
     }
     for (const Arg *a : list) {
         if (values::fits(a->kind, a->text)) continue;
-        std::string why = std::string("not a ") + values::kind_name(a->kind) + " for command \"" +
+        std::string why = std::string("not ") + values::kind_name(a->kind) + " for command \"" +
                           values::printable(fmt) + "\"";
         values::report_refused(routine, a->what, a->text, why.c_str());
         return std::nullopt;

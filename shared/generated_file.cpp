@@ -42,7 +42,11 @@ GeneratedFile::GeneratedFile(const char *path, const char *open_label, const cha
         fd_ = mkostemp(name.data(), O_CLOEXEC);
         if (fd_ >= 0) temp_ = name.data();
     }
-    if (fd_ < 0) std::perror(label_.c_str());
+    if (fd_ < 0) {
+        int error = errno;
+        std::perror(label_.c_str());
+        errno = error;
+    }
 }
 
 GeneratedFile::~GeneratedFile() {

@@ -74,13 +74,13 @@ bool fits(Kind kind, std::string_view text) {
 
 const char *kind_name(Kind kind) {
     switch (kind) {
-        case Kind::ipv4: return "IPv4 address";
-        case Kind::ipv6: return "IPv6 address";
-        case Kind::ifname: return "interface name";
-        case Kind::number: return "number";
-        case Kind::name: return "name";
-        case Kind::token: return "single word";
-        case Kind::line: return "single line";
+        case Kind::ipv4: return "an IPv4 address";
+        case Kind::ipv6: return "an IPv6 address";
+        case Kind::ifname: return "an interface name";
+        case Kind::number: return "a number";
+        case Kind::name: return "a name";
+        case Kind::token: return "a single word";
+        case Kind::line: return "a single line";
         case Kind::trusted: return "text";
     }
     return "value";
@@ -140,7 +140,7 @@ void report_refused(const char *routine, const char *what, std::string_view valu
 
 bool check(const char *routine, const char *what, std::string_view value, Kind kind) {
     if (fits(kind, value)) return true;
-    std::string why = std::string("not a ") + kind_name(kind);
+    std::string why = std::string("not ") + kind_name(kind);
     report_refused(routine, what, value, why.c_str());
     return false;
 }

@@ -25,7 +25,7 @@ enum class Kind {
 // True when `text` is acceptable as `kind`.
 bool fits(Kind kind, std::string_view text);
 
-// What `kind` is called in a refusal line ("IPv4 address", "interface name" ...).
+// What `kind` is called in a refusal line ("an IPv4 address", "an interface name" ...).
 const char *kind_name(Kind kind);
 
 // True when `text` holds a byte below 0x20 or DEL.
@@ -51,7 +51,7 @@ std::string printable(std::string_view text);
 void report_refused(const char *routine, const char *what, std::string_view value,
                     const char *why);
 
-// True when `value` fits `kind`; otherwise the refusal line ("not a <kind name>") and false.
+// True when `value` fits `kind`; otherwise the refusal line ("not <kind name>") and false.
 bool check(const char *routine, const char *what, std::string_view value, Kind kind);
 
 }  // namespace values

@@ -1,37 +1,35 @@
 // nvram: the router's command-line view of the configuration store.
-//   nvram get KEY | set KEY=VALUE | unset KEY | show | commit | load FILE
-// Exit status: 0 done, 1 the store or the file failed, 2 misuse.
-#include "platform/host/nvram_store.h"
+//   nvram get KEY | set KEY=VALUE | commit             (every build)
+//   nvram unset KEY | show | load FILE                  (the host store only)
+// Exit status: 0 done, 1 the store or the file failed, 2 misuse or a verb this build lacks.
 #include "platform/nvram.h"
+#include "tools/nvram_tool.h"
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <string_view>
-#include <utility>
-#include <vector>
 
-namespace {
-
-constexpr int exit_failed = 1;
-constexpr int exit_misuse = 2;
+namespace nvram_tool {
 
 int usage(const char *problem) {
     if (problem) std::fprintf(stderr, "nvram: %s\n", problem);
     std::fputs("usage: nvram get KEY\n"
                "       nvram set KEY=VALUE\n"
-               "       nvram unset KEY\n"
+               "       nvram commit\n",
+               stderr);
+#ifdef NVRAM_HOST_VERBS
+    std::fputs("       nvram unset KEY\n"
                "       nvram show\n"
-               "       nvram commit\n"
                "       nvram load FILE      (KEY=VALUE lines; blank lines and # comments skipped)\n",
                stderr);
+#endif
     return exit_misuse;
 }
 
-// Standard output is checked at the end, so that a full disk or a closed pipe is not silent.
+void put(std::string_view text) { std::fwrite(text.data(), 1, text.size(), stdout); }
+
 int finish_output() {
     if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
         std::fprintf(stderr, "nvram: write to standard output: %s\n", std::strerror(errno));
@@ -40,13 +38,22 @@ int finish_output() {
     return 0;
 }
 
-void put(std::string_view text) { std::fwrite(text.data(), 1, text.size(), stdout); }
+}  // namespace nvram_tool
+
+namespace {
+
+using nvram_tool::exit_failed;
+using nvram_tool::usage;
+#ifndef NVRAM_HOST_VERBS
+using nvram_tool::exit_misuse;
+#endif
 
 int get(const char *key) {
-    if (!nvram_store_valid_key(key)) return usage("KEY must be non-empty and hold no \"=\"");
-    put(veskNvramConfig_get(key));
-    put("\n");
-    return finish_output();
+    if (*key == '\0' || std::strchr(key, '='))
+        return usage("KEY must be non-empty and hold no \"=\"");
+    nvram_tool::put(veskNvramConfig_get(key));
+    nvram_tool::put("\n");
+    return nvram_tool::finish_output();
 }
 
 int set(const char *assignment) {
@@ -57,81 +64,7 @@ int set(const char *assignment) {
     return veskNvramConfig_set(key.c_str(), eq + 1) == 0 ? 0 : exit_failed;
 }
 
-int unset(const char *key) {
-    if (!nvram_store_valid_key(key)) return usage("KEY must be non-empty and hold no \"=\"");
-    return nvram_store_unset(key) == 0 ? 0 : exit_failed;
-}
-
-int show() {
-    std::vector<std::pair<std::string, std::string>> pairs;
-    if (!nvram_store_list(pairs)) return exit_failed;
-    for (const auto &[key, value] : pairs) {
-        put(key);
-        put("=");
-        put(value);
-        put("\n");
-    }
-    return finish_output();
-}
-
 int commit() { return veskNvramConfig_save() == 0 ? 0 : exit_failed; }
-
-struct FileCloser {
-    void operator()(FILE *f) const { std::fclose(f); }
-};
-
-// The buffer that getline grows; freed once at the end.
-struct LineBuffer {
-    char *text = nullptr;
-    size_t capacity = 0;
-    LineBuffer() = default;
-    LineBuffer(const LineBuffer &) = delete;
-    LineBuffer &operator=(const LineBuffer &) = delete;
-    ~LineBuffer() { std::free(text); }
-};
-
-bool blank(std::string_view line) {
-    return line.find_first_not_of(" \t\r") == std::string_view::npos;
-}
-
-// All lines are checked before anything is set, so a broken file changes nothing.
-int load(const char *path) {
-    std::unique_ptr<FILE, FileCloser> file(std::fopen(path, "re"));
-    if (!file) {
-        std::fprintf(stderr, "nvram: %s: %s\n", path, std::strerror(errno));
-        return exit_failed;
-    }
-    std::vector<std::pair<std::string, std::string>> pairs;
-    LineBuffer buffer;
-    unsigned long number = 0;
-    for (;;) {
-        errno = 0;
-        ssize_t length = ::getline(&buffer.text, &buffer.capacity, file.get());
-        if (length < 0) {
-            if (errno != 0 || std::ferror(file.get())) {
-                std::fprintf(stderr, "nvram: %s: %s\n", path, std::strerror(errno ? errno : EIO));
-                return exit_failed;
-            }
-            break;
-        }
-        ++number;
-        std::string_view line(buffer.text, static_cast<size_t>(length));
-        if (!line.empty() && line.back() == '\n') line.remove_suffix(1);
-        if (blank(line) || line.front() == '#') continue;
-
-        const char *problem = nullptr;
-        size_t eq = line.find('=');
-        if (line.find('\0') != std::string_view::npos) problem = "NUL byte in line";
-        else if (eq == std::string_view::npos) problem = "no \"=\" in line";
-        else if (eq == 0) problem = "empty key";
-        if (problem) {
-            std::fprintf(stderr, "nvram: %s:%lu: %s\n", path, number, problem);
-            return exit_failed;
-        }
-        pairs.emplace_back(std::string(line.substr(0, eq)), std::string(line.substr(eq + 1)));
-    }
-    return nvram_store_set_many(pairs) == 0 ? 0 : exit_failed;
-}
 
 }  // namespace
 
@@ -145,6 +78,13 @@ int main(int argc, char **argv) {
         std::string problem = "unknown command \"" + std::string(command.substr(0, 64)) + "\"";
         return usage(problem.c_str());
     }
+#ifndef NVRAM_HOST_VERBS
+    // The vendor's store offers get, set and commit only.
+    if (command == "unset" || command == "show" || command == "load") {
+        std::fprintf(stderr, "nvram: %s is not available in this build\n", argv[1]);
+        return exit_misuse;
+    }
+#endif
     if (argc != (takes_argument ? 3 : 2)) {
         std::string problem = std::string(command) +
                               (takes_argument ? " takes one argument" : " takes no argument");
@@ -153,8 +93,10 @@ int main(int argc, char **argv) {
 
     if (command == "get") return get(argv[2]);
     if (command == "set") return set(argv[2]);
-    if (command == "unset") return unset(argv[2]);
-    if (command == "load") return load(argv[2]);
-    if (command == "show") return show();
+#ifdef NVRAM_HOST_VERBS
+    if (command == "unset") return nvram_tool::unset(argv[2]);
+    if (command == "load") return nvram_tool::load(argv[2]);
+    if (command == "show") return nvram_tool::show();
+#endif
     return commit();
 }

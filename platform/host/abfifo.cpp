@@ -2,6 +2,7 @@
 // text file. The reader's pid is kept in "<fifo>.pid", which is how a running reader is found.
 #include "platform/vesk_shared.h"
 
+#include "platform/host/start_report.h"
 #include "platform/host/trace.h"
 #include "platform/host/unique_fd.h"
 
@@ -21,17 +22,6 @@ namespace {
 
 std::string pid_file(const char *fifo) { return std::string(fifo) + ".pid"; }
 
-struct Report {
-    int tag;  // 'P': the reader runs, value is its pid; 'E': value is errno of a failure
-    int value;
-};
-
-void send_report(int fd, int tag, int value) {
-    Report r{tag, value};
-    ssize_t n = ::write(fd, &r, sizeof r);
-    (void)n;
-}
-
 // Appends one chunk to `file`. The file is bounded by `size` KiB: a chunk that would pass the
 // bound starts the file afresh, so it holds the latest output. 0 or less: no bound.
 void append_chunk(const std::string &file, int size, const char *data, size_t n) {
@@ -45,9 +35,10 @@ void append_chunk(const std::string &file, int size, const char *data, size_t n)
     (void)written;
 }
 
-// The reader: detached, holding nothing of its parent but the report pipe until it runs.
+// The reader: detached, holding nothing of its parent but the start report until it runs.
 [[noreturn]] void run_reader(const std::string &fifo, const std::string &file, int size,
-                             int report_fd) {
+                             host::StartReport &report) {
+    int report_fd = report.writer();
     if (report_fd > 3) ::close_range(3, static_cast<unsigned>(report_fd) - 1, 0);
     ::close_range(static_cast<unsigned>(report_fd) + 1, ~0U, 0);
     int null_fd = ::open("/dev/null", O_RDWR);
@@ -65,7 +56,7 @@ void append_chunk(const std::string &file, int size, const char *data, size_t n)
     // opening it never block.
     host::UniqueFd in(::open(fifo.c_str(), O_RDWR | O_CLOEXEC));
     if (!in.valid()) {
-        send_report(report_fd, 'E', errno);
+        report.failed(errno);
         ::_exit(1);
     }
     std::string pid_text = std::to_string(::getpid()) + "\n";
@@ -74,12 +65,12 @@ void append_chunk(const std::string &file, int size, const char *data, size_t n)
     if (!pid_out.valid() ||
         ::write(pid_out.get(), pid_text.data(), pid_text.size()) !=
             static_cast<ssize_t>(pid_text.size())) {
-        send_report(report_fd, 'E', errno);
+        report.failed(errno);
         ::_exit(1);
     }
     pid_out.reset();
-    send_report(report_fd, 'P', ::getpid());
-    ::close(report_fd);
+    report.started(::getpid());
+    report.close_writer();
 
     char buf[4096];
     for (;;) {
@@ -109,12 +100,8 @@ int initial_abfifo(const char *fifo, const char *file, int size) {
     }
     if (abfifo_is_running_or_not(fifo)) return 0;
 
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) {
-        std::fprintf(stderr, "initial_abfifo: pipe: %s\n", std::strerror(errno));
-        return -1;
-    }
-    host::UniqueFd report_in(fds[0]), report_out(fds[1]);
+    host::StartReport report;
+    if (!report.open("initial_abfifo")) return -1;
     std::string fifo_path(fifo), file_path(file);
 
     std::fflush(stdout);
@@ -127,23 +114,17 @@ int initial_abfifo(const char *fifo, const char *file, int size) {
     if (middle == 0) {
         ::setsid();
         pid_t reader = ::fork();
-        if (reader == 0) run_reader(fifo_path, file_path, size, report_out.get());
-        if (reader < 0) send_report(report_out.get(), 'E', errno);
+        if (reader == 0) run_reader(fifo_path, file_path, size, report);
+        if (reader < 0) report.failed(errno);
         ::_exit(0);
     }
 
-    report_out.reset();
     int status = 0;
     while (::waitpid(middle, &status, 0) < 0 && errno == EINTR) {
     }
-    Report r{};
-    int error = ECHILD;  // the reader ended before it could say anything
-    for (;;) {
-        ssize_t n = ::read(report_in.get(), &r, sizeof r);
-        if (n < 0 && errno == EINTR) continue;
-        if (n != static_cast<ssize_t>(sizeof r)) break;
-        error = r.tag == 'P' ? 0 : r.value;
-    }
+    host::StartOutcome started = report.collect();
+    int error = started.error;
+    if (error == 0 && started.pid <= 0) error = ECHILD;  // the reader ended before it could say
     if (error != 0) {
         std::fprintf(stderr, "initial_abfifo: reader for %s: %s\n", fifo, std::strerror(error));
         return -1;

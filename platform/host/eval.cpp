@@ -1,11 +1,8 @@
-// _eval and _eval_daemon: argument vectors run without a shell.
-//
-// Whether a program could be started is learnt through a close-on-exec pipe: a successful exec
-// closes it (the parent reads end of file), a failed one writes errno into it first. This works
-// whatever the caller's SIGCHLD disposition is; the daemon ignores SIGCHLD, so waitpid cannot be
-// relied on to report anything (it fails with ECHILD once the system has reaped the child).
+// _eval and _eval_daemon: argument vectors run without a shell. Whether a program could be
+// started is learnt through a start report (platform/host/start_report.h).
 #include "platform/vesk_shared.h"
 
+#include "platform/host/start_report.h"
 #include "platform/host/trace.h"
 #include "platform/host/unique_fd.h"
 
@@ -91,35 +88,11 @@ void restore_signals() {
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
-// Records on the start-up pipe: what the child learnt, read by the parent until end of file.
-struct Report {
-    int tag;    // 'P': value is the started program's pid; 'E': value is errno of a failure
-    int value;
-};
-
-void send_report(int fd, int tag, int value) {
-    Report r{tag, value};
-    ssize_t n = ::write(fd, &r, sizeof r);  // below PIPE_BUF: written whole or not at all
-    (void)n;
-}
-
 // In the child: execs argv; on failure reports errno and ends the child.
-[[noreturn]] void exec_or_report(char *const argv[], int report_fd) {
+[[noreturn]] void exec_or_report(char *const argv[], const host::StartReport &report) {
     ::execvp(argv[0], argv);
-    send_report(report_fd, 'E', errno);
+    report.failed(errno);
     ::_exit(127);
-}
-
-// Reads every report until all writers are gone.
-void read_reports(int fd, pid_t &pid, int &error) {
-    Report r;
-    for (;;) {
-        ssize_t n = ::read(fd, &r, sizeof r);
-        if (n < 0 && errno == EINTR) continue;
-        if (n != static_cast<ssize_t>(sizeof r)) return;
-        if (r.tag == 'P') pid = r.value;
-        if (r.tag == 'E') error = r.value;
-    }
 }
 
 // waitpid that retries on EINTR. With SIGCHLD ignored it blocks until the child has ended and
@@ -200,12 +173,8 @@ int _eval(char *const argv[], const char *path, int timeout, int *ppid) {
     auto redirection = parse_redirection("_eval", path);
     if (!redirection) return -1;
 
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) {
-        std::fprintf(stderr, "_eval: pipe: %s\n", std::strerror(errno));
-        return -1;
-    }
-    host::UniqueFd report_in(fds[0]), report_out(fds[1]);
+    host::StartReport report;
+    if (!report.open("_eval")) return -1;
 
     std::fflush(stdout);
     std::fflush(stderr);
@@ -217,13 +186,10 @@ int _eval(char *const argv[], const char *path, int timeout, int *ppid) {
     if (pid == 0) {
         restore_signals();
         apply_redirection("_eval", *redirection);
-        exec_or_report(argv, report_out.get());
+        exec_or_report(argv, report);
     }
 
-    report_out.reset();
-    pid_t unused = 0;
-    int error = 0;
-    read_reports(report_in.get(), unused, error);
+    int error = report.collect().error;
     if (error != 0) {
         std::fprintf(stderr, "_eval: %s: %s\n", argv[0], std::strerror(error));
         int status = 0;
@@ -245,12 +211,8 @@ int _eval_daemon(char *const argv[], const char *path, int timeout, int *ppid, i
     auto redirection = parse_redirection("_eval_daemon", path);
     if (!redirection) return -1;
 
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) {
-        std::fprintf(stderr, "_eval_daemon: pipe: %s\n", std::strerror(errno));
-        return -1;
-    }
-    host::UniqueFd report_in(fds[0]), report_out(fds[1]);
+    host::StartReport report;
+    if (!report.open("_eval_daemon")) return -1;
 
     std::fflush(stdout);
     std::fflush(stderr);
@@ -272,24 +234,21 @@ int _eval_daemon(char *const argv[], const char *path, int timeout, int *ppid, i
                 if (null_fd > STDERR_FILENO) ::close(null_fd);
             }
             apply_redirection("_eval_daemon", *redirection);
-            exec_or_report(argv, report_out.get());
+            exec_or_report(argv, report);
         }
-        if (pid < 0) send_report(report_out.get(), 'E', errno);
-        else send_report(report_out.get(), 'P', pid);
+        if (pid < 0) report.failed(errno);
+        else report.started(pid);
         ::_exit(0);
     }
 
-    report_out.reset();
     int status = 0;
     wait_for(middle, &status, 0);
-    pid_t pid = 0;
-    int error = 0;
-    read_reports(report_in.get(), pid, error);
-    if (error != 0 || pid <= 0) {
+    host::StartOutcome started = report.collect();
+    if (started.error != 0 || started.pid <= 0) {
         std::fprintf(stderr, "_eval_daemon: %s: %s\n", argv[0],
-                     std::strerror(error != 0 ? error : ECHILD));
+                     std::strerror(started.error != 0 ? started.error : ECHILD));
         return -1;
     }
-    if (ppid != nullptr) *ppid = pid;
+    if (ppid != nullptr) *ppid = started.pid;
     return 0;
 }

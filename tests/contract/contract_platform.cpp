@@ -1,6 +1,7 @@
-// Every function of the platform contract, with an empty body. Defined inside extern "C" so that
-// a definition whose signature differs from its header's declaration does not compile.
-#include "platform/nat.h"
+// Every function of the store and platform library contracts (platform/nvram.h,
+// platform/vesk_shared.h), with an empty body; contract_nat.cpp has the NAT library's. Defined
+// inside extern "C" so that a definition whose signature differs from its header's declaration
+// does not compile.
 #include "platform/nvram.h"
 #include "platform/vesk_shared.h"
 
@@ -39,21 +40,5 @@ int abEnableLanEthernetPort(void) { return 0; }
 int initial_abfifo(const char *, const char *, int) { return 0; }
 int abfifo_is_running_or_not(const char *) { return 0; }
 int zerinWriteLog(const char *, int, unsigned int) { return 0; }
-
-int agApi_feature_set(unsigned int) { return 0; }
-int agApi_natHook(const char *) { return 0; }
-int agApi_natUnhook(const char *) { return 0; }
-int agApi_natLanHook(const char *) { return 0; }
-int agApi_natLanUnhook(const char *) { return 0; }
-int agApi_natPptpWanHook(const char *) { return 0; }
-int agApi_natProbeHook(const char *) { return 0; }
-int agApi_natWanIfCnt(int *) { return 0; }
-int agApi_natSetRegion(const char *) { return 0; }
-int agApi_fwDMZRuleSet(int, int, uint32_t) { return 1; }
-int agApi_natSetInboundFilter(int) { return 0; }
-int agApi_natEnable(void) { return 0; }
-int agApi_setDeviceListenPort(int, int, int) { return 0; }
-int agApi_fwEchoRespSet(int) { return 1; }
-int veskNat_DoConnRecovery(void) { return 0; }
 
 }  // extern "C"

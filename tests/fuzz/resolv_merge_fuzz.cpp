@@ -4,6 +4,7 @@
 
 #include "fuzz_support.h"
 #include "services/dns.h"
+#include "shared/values.h"
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     fuzz::quiet();
@@ -12,17 +13,18 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     std::vector<std::string> in = fuzz::parts(fuzz::text(data, size), 2);
-    File resolv = fuzz::memory_file(in[1]);
-    File session2 = fuzz::memory_file("");
-    merge_dns_servers(resolv.get(), in[0].c_str(), session2.get());
+    std::string merged = in[1];
+    std::string session2;
+    merge_dns_servers(merged, in[0].c_str(), &session2);
 
-    std::string merged = fuzz::contents(resolv.get());
     fuzz::check(merged.find("options single-request\n") != std::string::npos,
                 "no options line");
     std::string expected;
     const char *pos = in[0].c_str();
     char token[kDnsTokenSize];
-    while (next_dns_token(pos, token)) expected += std::string("nameserver ") + token + "\n";
-    fuzz::check(fuzz::contents(session2.get()) == expected, "session-2 file differs");
+    while (next_dns_token(pos, token))
+        if (values::fits(values::Kind::token, token))
+            expected += std::string("nameserver ") + token + "\n";
+    fuzz::check(session2 == expected, "session-2 file differs");
     return 0;
 }

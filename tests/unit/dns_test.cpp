@@ -87,6 +87,18 @@ TEST_F(Dns, Merge_SkipsPresentAndSpecialAddresses_AppendsNewThenOptions) {
     EXPECT_THAT(testroot::trace(), ElementsAre(kReload));
 }
 
+// A line end, tab or comment sign inside a token would write lines or words of its own, which
+// no later merge matches: such a token is left out and named, the others are merged.
+TEST_F(Dns, TokenWithLineEndTabOrComment_LeftOutAndReported) {
+    set({{"wan_dns", "8.8.8.8\nnameserver 6.6.6.6 1.1.1.1\t2.2.2.2 9.9.9.9#x 9.9.9.9"}});
+    testroot::write_file(kResolv, kOptions);
+    std::string err = stderr_of([] { EXPECT_EQ(update_resolv_conf("eth0"), 0); });
+    EXPECT_EQ(testroot::read_file(kResolv), kOptions + servers({"6.6.6.6", "9.9.9.9"}) + kOptions);
+    EXPECT_THAT(err, HasSubstr("update_resolv_conf: refused DNS server \"8.8.8.8\\nnameserver\""));
+    EXPECT_THAT(err, HasSubstr("refused DNS server \"1.1.1.1?2.2.2.2\": not a single word"));
+    EXPECT_THAT(err, HasSubstr("refused DNS server \"9.9.9.9#x\""));
+}
+
 TEST_F(Dns, ResetThenMerges_RepeatOptionsLineAfterEachMerge) {
     set({{"wan_proto", "pppoe"}, {"pppoe_dhcp_dns", "192.0.2.1"}, {"wan_dns", "8.8.8.8"}});
     testroot::write_file(kResolv, servers({"9.9.9.9"}) + kOptions);
@@ -146,7 +158,8 @@ TEST_F(Dns, JapanSession2_WritesEveryTokenIncludingSpecial) {
          {"wan2_dns1", "203.0.113.5"}});
     std::remove(kResolv);
     EXPECT_EQ(update_resolv_conf("ppp1"), ENOENT);
-    EXPECT_EQ(testroot::read_file(kSession2), "");  // truncated before the resolver failed
+    // Written whole or not at all: the failed merge leaves the last one.
+    EXPECT_EQ(testroot::read_file(kSession2), servers({"192.0.2.1", "0.0.0.0", "198.51.100.2"}));
     EXPECT_EQ(merged("ppp1"), servers({"203.0.113.5"}));
     EXPECT_EQ(testroot::read_file(kSession2), servers({"203.0.113.5"}));
 

@@ -1,6 +1,7 @@
 // Start, probe and stop of the Ethernet WAN, run against the test root's stand-ins, its
 // platform call trace and the real veth pair.
 #include "failover/ether_wan.h"
+#include "failover/lte_control.h"
 #include "failover/probes.h"
 #include "platform/nvram.h"
 #include "tests/support/testroot.h"

@@ -174,14 +174,53 @@ TEST_F(LanDaemons, Dhcp6s_EachServerKind_WritesWholeFile) {
     }
 }
 
+// A store value that would end its directive early or open a block of its own leaves its one
+// directive out (the daemon's default stands); the rest of the file is written and radvd still
+// accepts it.
+TEST_F(LanDaemons, ValueThatWouldAddDirectives_LeavesItsDirectiveOut) {
+    struct Case { const char *key, *file, *left_out; Keys mode; };
+    const Case cases[] = {
+        {"RA_AdvCurHopLimit", "/tmp/radvd.conf", " AdvCurHopLimit", {}},
+        {"RA_AdvOnLink", "/tmp/radvd.conf", "  AdvOnLink", {}},
+        {"RA_AdvValidLifetime_from_IAPD", "/tmp/radvd.conf", "  AdvValidLifetime", {}},
+        {"ipv6rd_wan_mtu", "/tmp/radvd.conf", "AdvLinkMTU", {{"ipv6_proto", "6rd"}}},
+        {"lan_ipv6_link_local_addr1", "/tmp/radvd.conf", "RDNSS", {}},
+        {"lan_ipv6_link_local_addr1", "/tmp/dhcp6s.conf", "dns_servers", {}},
+        {"ipv6_sip_servers", "/tmp/dhcp6s.conf", "sip_servers", {}},
+        {"ipv6_ntp_servers", "/tmp/dhcp6s.conf", "ntp_servers", {}},
+    };
+    for (const Case &c : cases) {
+        for (const char *value : {"1;\n AdvSendAdvert off", "2001:db8::1 ; }; INJECTED {"}) {
+            SCOPED_TRACE(std::string(c.key) + " = " + value);
+            SetUp();
+            set(c.mode);
+            set({{c.key, value}});
+            testing::internal::CaptureStderr();
+            EXPECT_EQ(write_radvd_conf(), 0);
+            EXPECT_EQ(start_dhcp6s(), 0);
+            EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                        HasSubstr(std::string(": refused ") + c.key + " \""));
+            const std::string text = testroot::read_file(c.file);
+            EXPECT_THAT(text, Not(HasSubstr(c.left_out)));
+            EXPECT_THAT(text, Not(HasSubstr("INJECTED")));
+            EXPECT_THAT(text, Not(HasSubstr("AdvSendAdvert off")));
+            auto [accepted, output] = radvd_configtest();
+            EXPECT_TRUE(accepted) << output;
+        }
+    }
+}
+
 TEST_F(LanDaemons, Dhcp6s_Lifetime_GivesRenewAndRebindIn32BitArithmetic) {
     for (auto [lifetime, times] : {
              // 3 x 2000000000 wraps to 1705032704; beyond 32 bits strtoul gives 4294967295.
              std::pair{"2000000000", "renew-time 1000000000 ;\nrebind-time 426258176 ;\n"},
              {"5000000000", "renew-time 2147483647 ;\nrebind-time 1073741823 ;\n"},
-             {"1 day", "renew-time 0 ;\nrebind-time 0 ;\nprefer-life-time 1 day ;\n"}}) {
+             // Two words would split the line: the server's default lifetimes stand instead.
+             {"1 day", "renew-time 0 ;\nrebind-time 0 ;\nallow rapid-commit ;\n"}}) {
         set({{"lan_dhcpsv6_lifetime", lifetime}});
+        testing::internal::CaptureStderr();
         EXPECT_EQ(start_dhcp6s(), 0);
+        testing::internal::GetCapturedStderr();
         EXPECT_THAT(testroot::read_file("/tmp/dhcp6s.conf"), HasSubstr(times)) << lifetime;
     }
 }
