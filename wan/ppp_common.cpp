@@ -5,7 +5,6 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <climits>
 #include <csignal>
 #include <cstdlib>
@@ -14,8 +13,8 @@
 #include <vector>
 
 #include "platform/vesk_shared.h"
+#include "services/dns.h"
 #include "services/wan_up.h"
-#include "shared/file.h"
 #include "shared/generated_file.h"
 #include "shared/ifconfig.h"
 #include "shared/store.h"
@@ -200,42 +199,6 @@ DhcpStart start_udhcpc(const char *ifname, int unit) {
     std::signal(SIGCHLD, old_chld);
     std::signal(SIGPIPE, old_pipe);
     return DhcpStart::exec_failed;
-}
-
-bool merge_resolv_nameservers(const char *servers, size_t line_size) {
-    File f = open_file("/tmp/resolv.conf", "r+");
-    if (!f) {
-        std::perror("/tmp/resolv.conf");
-        return false;
-    }
-    add_missing_nameservers(f.get(), servers, line_size);
-    return true;
-}
-
-void add_missing_nameservers(std::FILE *f, const char *servers, size_t line_size) {
-    std::vector<char> line(line_size);
-    const char *p = servers;
-    for (;;) {
-        while (*p == ' ') ++p;
-        if (*p == '\0') break;
-        size_t len = std::strcspn(p, " ");
-        // An address longer than a line holds is taken in pieces, as a fixed-width scan does.
-        std::string address(p, std::min(len, line_size - 1));
-        p += address.size();
-
-        bool listed = false;
-        std::rewind(f);
-        while (!listed && std::fgets(line.data(), static_cast<int>(line_size), f)) {
-            char *save = nullptr;
-            const char *first = strtok_r(line.data(), " \t\n", &save);
-            const char *second = first ? strtok_r(nullptr, " \t\n", &save) : nullptr;
-            listed = first && second && std::strcmp(first, "nameserver") == 0 && address == second;
-        }
-        if (!listed) {
-            std::fseek(f, 0, SEEK_END);
-            std::fprintf(f, "nameserver %s\n", address.c_str());
-        }
-    }
 }
 
 void refresh_dns_routes(DnsRouteTable &table, const char *gateway, const char *local_ip,

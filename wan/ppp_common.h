@@ -150,14 +150,6 @@ struct TunnelCarrier {
 // fork failure, or the DHCP child whose execv failed).
 bool address_carrier(const TunnelCarrier &carrier, bool is_static);
 
-// Adds a "nameserver ADDRESS" line to /tmp/resolv.conf for every address of the blank-separated
-// `servers` that has none yet. Addresses and lines are read in pieces of `line_size` - 1
-// characters. False, after perror, when the file cannot be opened.
-bool merge_resolv_nameservers(const char *servers, size_t line_size);
-
-// The same on the resolver file `f` (open "r+"); `line_size` is at least 2.
-void add_missing_nameservers(std::FILE *f, const char *servers, size_t line_size);
-
 // Deletes the host routes of `table` through `gateway`, then refills it from the DNS list
 // "wan_dns1" and adds a host route through `gateway` for each server outside the subnet of
 // `local_ip`/`netmask`. Nothing is routed without a gateway.

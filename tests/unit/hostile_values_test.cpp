@@ -276,7 +276,7 @@ TEST_F(HostileValues, PppLocalAddressWithALineOfItsOwn_LeftOutAndPppdRunsNoConne
         row.start("eth0", 0);
         const std::string output = GetCapturedStdout() + GetCapturedStderr();
         EXPECT_NE(output.find(std::string(row.routine) + ": refused " + row.key +
-                              " \"10.9.9.9:\\nconnect \"touch /tmp/INJECTED\" #\": not a "
+                              " \"10.9.9.9:\\nconnect \"touch /tmp/INJECTED\" #\": not an "
                               "IPv4 address\n"),
                   std::string::npos)
             << row.key << "\n" << output;
