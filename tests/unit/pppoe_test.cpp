@@ -211,6 +211,29 @@ TEST_F(Pppoe, RussianDualAccess_StartsUdhcpcWithoutWaitingUnlessStatic) {
     EXPECT_EQ(start(), "Static IP by user defined.\npppd executed successfully. (0)\n");
 }
 
+TEST_F(Pppoe, ResumeFile_OnlyWithAMacAndSessionIdFitToResume_ElseNoneLeft) {
+    using Case = std::tuple<const char *, const char *, const char *, const char *>;
+    for (auto [mac, id, content, report] :
+         {Case{"00:11:22:33:44:55", "7", "00:11:22:33:44:55 7\n", ""},
+          Case{"00:11:22:33:44:55", "0", "", ""}, Case{"", "7", "", ""},
+          Case{"00:11 #x", "7", "",
+               "start_pppoe_session: refused pppoe_server_mac \"00:11 #x\": not a single word\n"},
+          Case{"00:11:22:33:44:55", "7\nx", "",
+               "start_pppoe_session: refused pppoe_session_id \"7\\nx\": not a number\n"}}) {
+        SCOPED_TRACE(std::string(mac) + " " + id);
+        testroot::write_file("/tmp/ppp/pppoe_session", "00:99:99:99:99:99 1\n");  // an old one
+        set("pppoe_server_mac", mac);
+        set("pppoe_session_id", id);
+        EXPECT_EQ(start(), "pppd executed successfully. (0)\n");
+        EXPECT_EQ(testroot::exists("/tmp/ppp/pppoe_session")
+                      ? testroot::read_file("/tmp/ppp/pppoe_session")
+                      : "",
+                  content);
+        const bool refused = *report != '\0';
+        EXPECT_EQ(err_.find(refused ? report : "refused") != std::string::npos, refused) << err_;
+    }
+}
+
 TEST_F(Pppoe, LongValues_CutAt63CharactersAndEscapedWithinTheirBuffers) {
     set("pppoe_username", std::string(200, '"'));
     set("pppoe_servicename", std::string(200, ' '));
