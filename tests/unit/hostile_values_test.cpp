@@ -1,7 +1,8 @@
 // Hostile configuration values: every key whose value reaches a shell command line, directly or
 // through the options file whose script options (pty, connect, disconnect) pppd gives to a
-// shell, set to text meant to run a command of its own. No such command may run, no command
-// line may carry the value, and each refusal is reported by the routine.
+// shell, and the PPP credentials and addresses that go into a line of a file, set to text meant
+// to run a command of its own. No such command may run, no command line may carry the value,
+// and each refusal is reported by the routine.
 //
 // Only "/bin/sh -c" lines count as carrying a value: argument vectors started through
 // _eval/_eval_daemon reach their program as one argument with no shell in between, so a hostile
@@ -109,7 +110,13 @@ const std::vector<Case> &cases() {
          Refused::control_characters},
         {"pppoe2_servicename", "start_pppoe_session", {{"sku_name", "JP"}},
          [] { start_pppoe_session("eth0", 0); }, Refused::control_characters},
+        {"pppoe_username", "start_pppoe_session", {}, [] { start_pppoe_session("eth0", 0); },
+         Refused::control_characters},
+        {"pppoe_passwd", "start_pppoe_session", {}, [] { start_pppoe_session("eth0", 0); },
+         Refused::control_characters},
         {"pptp_serv_ip", "start_pptp_session", {}, [] { start_pptp_session("eth0", 0); }},
+        {"pptp_user_ip", "start_pptp_session", {}, [] { start_pptp_session("eth0", 0); }},
+        {"l2tp_gateway_ip", "start_l2tp_session", {}, [] { start_l2tp_session("eth0", 0); }},
         {"l2tp_user_name", "start_l2tp_session", {}, [] { start_l2tp_session("eth0", 0); },
          Refused::quote_breaking},
         {"l2tp_serv_ip", "start_l2tp_session", {}, [] { start_l2tp_session("eth0", 0); },

@@ -175,7 +175,8 @@ TEST_F(Pppoe, SecondSessionFailures_LeaveItOutAndStartTheFirst) {
                      testroot::exists("/tmp/ppp/no_ppp2"));
         EXPECT_EQ(node("/dev/ptys0"), "c 2 48 600");
         EXPECT_EQ(testroot::calls_of("pppd").size(), 1u);
-        EXPECT_EQ(testroot::read_file("/tmp/ppp/chap-secrets"), "\"us\\\"er\" * \"p\\\"a%s\\$\" *\n");
+        EXPECT_EQ(testroot::read_file("/tmp/ppp/chap-secrets"),
+                  "\"us\\\"er\" * \"p\\\"a%s\\$\" *\n");  // session 1's line alone
     }
 }
 
