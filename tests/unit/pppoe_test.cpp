@@ -53,11 +53,11 @@ protected:
 };
 
 TEST_F(Pppoe, AlwaysOn_WritesOptionsSecretsNodesAndStartsPppd) {
-    // No session id: nothing to resume. A probe start while LTE is active: no ktune.
+    // A probe start while LTE is active: no ktune.
     for (auto [key, value] :
          {std::pair{"pppoe_servicename", "my isp"}, {"pppoe_localip", "10.1.2.3"},
-          {"pppoe_ip_sel", "1"}, {"pppoe_server_mac", "00:11:22:33:44:55"},
-          {"wwan_wan_type", "2"}, {"wan_proto", "pppoe"}, {"current_ifname", "rm_usb0"}})
+          {"pppoe_ip_sel", "1"}, {"wwan_wan_type", "2"}, {"wan_proto", "pppoe"},
+          {"current_ifname", "rm_usb0"}})
         set(key, value);
     EXPECT_EQ(start(), "pppd executed successfully. (0)\n");
     EXPECT_EQ(options(), std::string("defaultroute\npty 'pppoecd -I eth0 -S my\\\\\\ isp'\n"
@@ -73,7 +73,7 @@ TEST_F(Pppoe, AlwaysOn_WritesOptionsSecretsNodesAndStartsPppd) {
               "c 2 48 600, c 3 48 600");
     EXPECT_THAT(testroot::calls_of("pppd"),
                 ElementsAre(ElementsAre("pppd", "file", "/tmp/ppp/options")));
-    EXPECT_FALSE(testroot::exists("/tmp/ppp/pppoe_session") || testroot::exists("/tmp/ppp/no_ppp2"));
+    EXPECT_FALSE(testroot::exists("/tmp/ppp/no_ppp2"));
 
     start();  // the nodes are there now: mknod fails harmlessly
     EXPECT_EQ(
