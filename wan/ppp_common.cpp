@@ -5,7 +5,6 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <climits>
 #include <csignal>
 #include <cstdlib>
@@ -13,12 +12,12 @@
 #include <string>
 #include <vector>
 
-#include "platform/nvram.h"
 #include "platform/vesk_shared.h"
+#include "services/dns.h"
 #include "services/wan_up.h"
-#include "shared/file.h"
+#include "shared/generated_file.h"
 #include "shared/ifconfig.h"
-#include "shared/settings.h"
+#include "shared/store.h"
 
 namespace {
 
@@ -54,15 +53,6 @@ char *escape_shell_string(const char *src, char *dst, size_t len) {
 
 namespace ppp {
 
-bool match(const char *key, const char *value) { return veskNvramConfig_match(key, value) != 0; }
-
-bool has_control_character(const char *text) {
-    for (; *text != '\0'; ++text)
-        if (static_cast<unsigned char>(*text) < 0x20 || *text == 0x7f) return true;
-    return false;
-}
-
-
 void quote_into(const char *src, char *dst) {
     for (; *src != '\0'; ++src) {
         if (*src == '$' || *src == '`' || *src == '"' || *src == '\\') *dst++ = '\\';
@@ -84,20 +74,35 @@ int minutes_to_seconds(int minutes) {
 
 void set_number(const char *key, int value) {
     char text[12];
-    veskNvramConfig_set(key, itoa(value, text));
+    store::set(key, itoa(value, text));
 }
 
-bool write_secrets(const char *path, const char *mode, const char *error_label, const char *user,
-                   const char *password) {
-    File f = open_file(path, mode);
-    if (!f) {
-        std::perror(error_label);
-        return false;
-    }
-    std::fprintf(f.get(), "\"%s\" * \"%s\" *\n", user, password);
-    f.reset();
-    chmod(path, 0666);
-    return true;
+bool values_fit(const char *routine, std::initializer_list<Value> list) {
+    bool fit = true;
+    for (const Value &v : list)
+        if (!values::check(routine, v.key, v.text, v.kind)) fit = false;
+    return fit;
+}
+
+bool raw_user_fits(const char *routine, const char *key, std::string_view user) {
+    if (!values::check(routine, key, user, values::Kind::line)) return false;
+    if (user.find('"') == std::string_view::npos ||
+        user.find_first_of(" '\\#") == std::string_view::npos)
+        return true;
+    values::report_refused(routine, key, user, "pppd would read it as more than a name");
+    return false;
+}
+
+bool write_secrets(const char *path, const char *error_label, std::string_view user,
+                   std::string_view password, bool append) {
+    GeneratedFile f(path, error_label);
+    if (!f || (append && !f.keep_existing())) return false;
+    f.put("\"");
+    f.put(user);
+    f.put("\" * \"");
+    f.put(password);
+    f.put("\" *\n");
+    return f.commit(0666) == 0;
 }
 
 void make_pty_node(const PtyNode &node) {
@@ -105,23 +110,72 @@ void make_pty_node(const PtyNode &node) {
         std::perror(node.error_label);
 }
 
-void write_local_address_line(std::FILE *f, const char *local_ip, const char *ip_sel_key) {
-    if (std::strcmp(local_ip, "0.0.0.0") == 0 || (ip_sel_key && match(ip_sel_key, "0")))
-        std::fputs("ipcp-accept-local\n", f);
-    else
-        std::fprintf(f, "%s:\n", local_ip);
-}
+bool write_options(const char *routine, const OptionsProfile &p) {
+    const bool always_on = store::match(p.dod_key, "0");
+    const bool on_demand = store::match(p.dod_key, "1");
+    const int idle = decimal_value(store::get(p.idle_key));
+    const int idle_value = p.idle_in_minutes ? minutes_to_seconds(idle) : idle;
+    const std::string local_ip = store::get(p.local_ip_key);
+    const bool accept_local =
+        local_ip == "0.0.0.0" || (p.ip_sel_key && store::match(p.ip_sel_key, "0"));
+    const bool request_local =
+        !accept_local && values::check(routine, p.local_ip_key, local_ip, values::Kind::ipv4);
+    const std::string disconnect = std::string("disconnect '") + p.disconnect + "'";
 
-void write_link_lines(std::FILE *f) {
-    for (const char *line : {"default-asyncmap\n", "noaccomp\n", "nopcomp\n", "noccp\n", "novj\n",
-                             "nobsdcomp\n", "nodeflate\n", "lock\n", "usepeerdns\n"})
-        std::fputs(line, f);
+    struct Line {
+        bool when;
+        std::string text;
+    };
+    const Line lines[] = {
+        {p.default_route, "defaultroute"},
+        {true, "pty '" + p.pty + "'"},
+        {true, "noauth"},
+        {true, "user \"" + p.user + "\""},
+        {true, "mtu " + std::to_string(p.mtu)},
+        {true, "mru " + std::to_string(p.mru)},
+        {true, "holdoff 5"},
+        {always_on, "persist"},
+        {true, "lcp-echo-interval " + std::to_string(p.lcp_echo_interval)},
+        {true, "lcp-echo-failure 3"},
+        {p.disconnect_before_maxfail, disconnect},
+        {true, "maxfail 0"},
+        {p.connect_echo, "connect echo"},
+        {!p.disconnect_before_maxfail, disconnect},
+        {p.restarts, "lcp-restart 5"},
+        {p.restarts, "ipcp-restart 5"},
+        {accept_local, "ipcp-accept-local"},
+        {request_local, local_ip + ":"},
+        {p.ipv6, "+ipv6"},
+        {p.ipv6, "ipv6 , "},
+        {true, "ipcp-accept-remote"},
+        {true, "noipdefault"},
+        {p.ktune, "ktune"},
+        // Compression, locking and the peer's DNS servers.
+        {true, "default-asyncmap\nnoaccomp\nnopcomp\nnoccp\nnovj\nnobsdcomp\nnodeflate\nlock\n"
+               "usepeerdns"},
+        {p.unit >= 0, "unit " + std::to_string(p.unit)},
+        {p.linkname, "linkname 0"},
+        {p.auth_limits, "pap-max-authreq 3"},
+        {p.auth_limits, "chap-max-challenge 3"},
+        {on_demand && idle != 0, "idle " + std::to_string(idle_value)},
+        {on_demand && idle != 0, "demand"},
+        {on_demand && idle == 0 && p.persist_fallback, "persist"},
+    };
+
+    GeneratedFile f(p.path);
+    if (!f) return false;
+    for (const Line &line : lines) {
+        if (!line.when) continue;
+        f.put(line.text);
+        f.put("\n");
+    }
+    return f.commit(0666) == 0;
 }
 
 DhcpStart start_udhcpc(const char *ifname, int unit) {
     char pid_file[40];
     std::snprintf(pid_file, sizeof pid_file, "/var/run/udhcpc%d.pid", unit);
-    std::string host = veskNvramConfig_get("wan_hostname");
+    std::string host = store::get("wan_hostname");
     std::vector<std::string> args = {"udhcpc", "-i", ifname, "-p", pid_file, "-s", "/tmp/udhcpc"};
     if (!host.empty()) {
         args.push_back("-H");
@@ -147,49 +201,13 @@ DhcpStart start_udhcpc(const char *ifname, int unit) {
     return DhcpStart::exec_failed;
 }
 
-bool merge_resolv_nameservers(const char *servers, size_t line_size) {
-    File f = open_file("/tmp/resolv.conf", "r+");
-    if (!f) {
-        std::perror("/tmp/resolv.conf");
-        return false;
-    }
-    add_missing_nameservers(f.get(), servers, line_size);
-    return true;
-}
-
-void add_missing_nameservers(std::FILE *f, const char *servers, size_t line_size) {
-    std::vector<char> line(line_size);
-    const char *p = servers;
-    for (;;) {
-        while (*p == ' ') ++p;
-        if (*p == '\0') break;
-        size_t len = std::strcspn(p, " ");
-        // An address longer than a line holds is taken in pieces, as a fixed-width scan does.
-        std::string address(p, std::min(len, line_size - 1));
-        p += address.size();
-
-        bool listed = false;
-        std::rewind(f);
-        while (!listed && std::fgets(line.data(), static_cast<int>(line_size), f)) {
-            char *save = nullptr;
-            const char *first = strtok_r(line.data(), " \t\n", &save);
-            const char *second = first ? strtok_r(nullptr, " \t\n", &save) : nullptr;
-            listed = first && second && std::strcmp(first, "nameserver") == 0 && address == second;
-        }
-        if (!listed) {
-            std::fseek(f, 0, SEEK_END);
-            std::fprintf(f, "nameserver %s\n", address.c_str());
-        }
-    }
-}
-
 void refresh_dns_routes(DnsRouteTable &table, const char *gateway, const char *local_ip,
                         const char *netmask) {
     const bool routed = *gateway != '\0';
     for (auto &entry : table)
         if (entry[0] != '\0' && routed) route_command({"route", "del", entry, "gw", gateway});
     std::memset(table, 0, sizeof table);
-    getTokens(veskNvramConfig_get("wan_dns1"), " ", table, kDnsRouteEntries);
+    getTokens(store::get("wan_dns1"), " ", table, kDnsRouteEntries);
     for (auto &entry : table)
         if (entry[0] != '\0' && routed && outside_subnet(entry, local_ip, netmask))
             route_command({"route", "add", "-host", entry, "gw", gateway});
@@ -198,26 +216,26 @@ void refresh_dns_routes(DnsRouteTable &table, const char *gateway, const char *l
 bool address_carrier(const TunnelCarrier &c, bool is_static) {
     if (!is_static) {
         std::puts("Dynamic IP by DHCP client.");
-        veskNvramConfig_set(c.dhcp_enabled_key, "0");
+        store::set(c.dhcp_enabled_key, "0");
         DhcpStart started = start_udhcpc(c.ifname, c.unit);
         if (started != DhcpStart::parent) return false;
         // Nothing but the client's event script ends this wait.
         do sleep(1);
-        while (!match(c.dhcp_enabled_key, "1"));
+        while (!store::match(c.dhcp_enabled_key, "1"));
         sleep(1);
         return true;
     }
 
     std::puts("Static IP by user defined.");
-    if (match(c.netmask_key, "")) veskNvramConfig_set(c.netmask_key, "255.0.0.0");
-    ifconfig(c.ifname, kWanInterfaceFlags, c.user_ip, read_value<32>(c.netmask_key).data());
-    if (match("wan_dns_sel", "1")) {
+    if (store::match(c.netmask_key, "")) store::set(c.netmask_key, "255.0.0.0");
+    ifconfig(c.ifname, kWanInterfaceFlags, c.user_ip, store::read_value<32>(c.netmask_key).data());
+    if (store::match("wan_dns_sel", "1")) {
         const std::string servers =
-            std::string(veskNvramConfig_get("wan_dns1")).substr(0, c.dns_text_size - 1);
-        veskNvramConfig_set(c.dhcp_dns_key, servers.c_str());
+            std::string(store::get("wan_dns1")).substr(0, c.dns_text_size - 1);
+        store::set(c.dhcp_dns_key, servers.c_str());
         if (!merge_resolv_nameservers(servers.c_str(), c.dns_text_size)) return false;
         std::vector<char> netmask(c.netmask_route_size);
-        veskNvramConfig_read(c.netmask_key, netmask.data(), netmask.size());
+        store::read(c.netmask_key, netmask.data(), netmask.size());
         refresh_dns_routes(*c.routes, c.gateway, c.user_ip, netmask.data());
     }
     second_wan_up(c.second_wan_ifname);
@@ -225,14 +243,14 @@ bool address_carrier(const TunnelCarrier &c, bool is_static) {
 }
 
 bool launch_pppd(const char *dod_key, const char *nat_key, const char *failed_name) {
-    if (!match(dod_key, "0") && !match(dod_key, "1")) return false;
+    if (!store::match(dod_key, "0") && !store::match(dod_key, "1")) return false;
     char pppd[] = "pppd", file[] = "file", options[] = "/tmp/ppp/options";
     char *argv[] = {pppd, file, options, nullptr};
     int result = _eval(argv, nullptr, 0, nullptr);
     if (result < 0) {
         std::printf("Failed to execute %s. (%d)\n", failed_name, result);
     } else {
-        if (match(nat_key, "1")) wan_up("ppp0");
+        if (store::match(nat_key, "1")) wan_up("ppp0");
         std::printf("pppd executed successfully. (%d)\n", result);
     }
     // A console redirected to a file would hold the line until the daemon's next output.

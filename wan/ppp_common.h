@@ -1,14 +1,17 @@
-// What the PPPoE, PPTP and L2TP session starts share: fixed-size reads of the store, pppd string
-// quoting, the secrets files, the pty nodes, the options lines common to all three, the DHCP
-// client on the physical interface, and the DNS handling of a tunnel with a static address.
+// What the PPPoE, PPTP and L2TP session starts share: pppd string quoting, the value checks of a
+// session, the one pppd options writer, the secrets files, the pty nodes, the DHCP client on the
+// physical interface, and the DNS handling of a tunnel with a static address.
 #pragma once
 
 #include <array>
 #include <cstddef>
 #include <cstdio>
+#include <initializer_list>
+#include <string>
+#include <string_view>
 
-#include "platform/nvram.h"
 #include "platform/vesk_shared.h"
+#include "shared/values.h"
 
 // Copies `len` bytes of `src` to `dst` (stopping early at a NUL), with a backslash before each
 // character the shell treats specially. `dst` must hold 2 * len + 1 bytes and is terminated.
@@ -16,16 +19,6 @@
 char *escape_shell_string(const char *src, char *dst, size_t len);
 
 namespace ppp {
-
-// A value read from the store into a buffer of the router's size: at most N - 1 characters,
-// the last byte always NUL.
-template <size_t N>
-std::array<char, N> read_value(const char *key) {
-    std::array<char, N> buf{};
-    veskNvramConfig_read(key, buf.data(), N);
-    buf[N - 1] = '\0';
-    return buf;
-}
 
 // Copies `src` into `dst` with a backslash before '$', '`', '"' and '\', for pppd's
 // double-quoted strings. `dst` holds 2 * strlen(src) + 1 bytes at least.
@@ -51,16 +44,26 @@ int minutes_to_seconds(int minutes);
 // The text of `value` as the store keeps numbers.
 void set_number(const char *key, int value);
 
-bool match(const char *key, const char *value);
+// One value of a session and what it must look like where it goes.
+struct Value {
+    const char *key;
+    std::string_view text;
+    values::Kind kind;
+};
 
-// True when `text` holds a control character (below 0x20, or DEL): in pppd's options and the
-// line-based helper files such a byte would start a line or a command of its own.
-bool has_control_character(const char *text);
+// True when every value fits its kind; each one that does not gets its refusal line.
+bool values_fit(const char *routine, std::initializer_list<Value> list);
 
-// Writes one secrets line ("\"user\" * \"password\" *") to `path` opened with `mode`, then
-// gives the file mode 0666. False, after perror with `error_label`, when it cannot be opened.
-bool write_secrets(const char *path, const char *mode, const char *error_label, const char *user,
-                   const char *password);
+// A user name that goes raw between pppd's double quotes: a double quote in it ends the quoting
+// early, and a blank, quote, backslash or '#' besides would let pppd read the rest as options of
+// its own (a "connect" script runs through a shell). True when it is safe; else the refusal.
+bool raw_user_fits(const char *routine, const char *key, std::string_view user);
+
+// Writes one secrets line ("\"user\" * \"password\" *") as the whole of `path`, or after its
+// present lines when `append`; mode 0666. False, after a report with `error_label`, when the
+// file cannot be written.
+bool write_secrets(const char *path, const char *error_label, std::string_view user,
+                   std::string_view password, bool append);
 
 // A pty device node and the message printed when it cannot be made.
 struct PtyNode {
@@ -80,12 +83,37 @@ inline constexpr PtyNode kTtys2{"/dev/ttys2", 3, 50, "Unable to create /dev/ttys
 // existing node fails harmlessly).
 void make_pty_node(const PtyNode &node);
 
-// "ipcp-accept-local" when `local_ip` is "0.0.0.0" or the selector says to take the peer's
-// offer (`ip_sel_key` null: no selector), else "<local_ip>:" to request that address.
-void write_local_address_line(std::FILE *f, const char *local_ip, const char *ip_sel_key);
+// What one pppd options file is made of: the lines common to every session are the writer's,
+// these are the ones that differ between the sessions.
+struct OptionsProfile {
+    const char *path;                // "/tmp/ppp/options", or session 2's file
+    bool default_route;              // "defaultroute"
+    std::string pty;                 // the helper's command line, between single quotes
+    std::string user;                // as the "user" line carries it (quoted or raw)
+    int mtu;
+    int mru;
+    const char *dod_key;             // "0": "persist" after "holdoff"; "1": the idle lines
+    int lcp_echo_interval;
+    const char *disconnect;          // the disconnect command, between single quotes
+    bool disconnect_before_maxfail;  // else after "maxfail" (and "connect echo")
+    bool connect_echo;               // "connect echo" after "maxfail"
+    bool restarts;                   // "lcp-restart 5", "ipcp-restart 5"
+    const char *local_ip_key;        // the requested local address ("%s:")
+    const char *ip_sel_key;          // "0" takes the peer's offer; null: no selector
+    bool ipv6;                       // "+ipv6", "ipv6 , "
+    bool ktune;
+    int unit;                        // "unit N"; below 0: none
+    bool linkname;                   // "linkname 0"
+    bool auth_limits;                // "pap-max-authreq 3", "chap-max-challenge 3"
+    const char *idle_key;            // idle time-out of demand mode
+    bool idle_in_minutes;            // else stored as pppd's seconds
+    bool persist_fallback;           // demand mode without idle time: "persist"
+};
 
-// The compression, locking and peer-DNS lines every session carries, in their order.
-void write_link_lines(std::FILE *f);
+// Writes the options file of `profile`, mode 0666. A requested local address that is not an
+// IPv4 address is reported and its line left out: pppd then takes the peer's offer, as
+// "noipdefault" already says. False, after the report, when the file cannot be written.
+bool write_options(const char *routine, const OptionsProfile &profile);
 
 // The DHCP client on the physical interface: "udhcpc -i IFNAME -p /var/run/udhcpc<unit>.pid
 // -s /tmp/udhcpc [-H <wan_hostname>]", started by fork and execv of /usr/sbin/udhcpc.
@@ -121,14 +149,6 @@ struct TunnelCarrier {
 // pppd is to be launched next; false when this process is to end the session start (a file or
 // fork failure, or the DHCP child whose execv failed).
 bool address_carrier(const TunnelCarrier &carrier, bool is_static);
-
-// Adds a "nameserver ADDRESS" line to /tmp/resolv.conf for every address of the blank-separated
-// `servers` that has none yet. Addresses and lines are read in pieces of `line_size` - 1
-// characters. False, after perror, when the file cannot be opened.
-bool merge_resolv_nameservers(const char *servers, size_t line_size);
-
-// The same on the resolver file `f` (open "r+"); `line_size` is at least 2.
-void add_missing_nameservers(std::FILE *f, const char *servers, size_t line_size);
 
 // Deletes the host routes of `table` through `gateway`, then refills it from the DNS list
 // "wan_dns1" and adds a host route through `gateway` for each server outside the subnet of

@@ -1,29 +1,30 @@
 // PPPoE: the pppd options and secrets of the session, the second session of Japanese builds, the
 // pty nodes of the pppoecd helper, the Russian dual access and the launch of pppd.
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
+#include <optional>
+#include <string>
 
-#include "platform/nvram.h"
 #include "platform/vesk_shared.h"
-#include "shared/command.h"
-#include "shared/file.h"
+#include "shared/generated_file.h"
+#include "shared/settings.h"
+#include "shared/store.h"
 #include "wan/ppp_common.h"
 #include "wan/ppp_sessions.h"
-#include "shared/settings.h"
 
 namespace {
 
-using ppp::match;
-using ppp::read_value;
+using values::Kind;
+
+constexpr const char *kRoutine = "start_pppoe_session";
 
 using Credential = std::array<char, 64>;
 using Quoted = std::array<char, 128>;
 using Escaped = std::array<char, 256>;
 
-int number(const char *key) { return ppp::decimal_value(veskNvramConfig_get(key)); }
+int number(const char *key) { return ppp::decimal_value(store::get(key)); }
 
 // The service name escaped for the shell twice: once for the pty command's own shell and once
 // more for pppd's option parser, which takes one level of backslashes away.
@@ -38,6 +39,14 @@ Escaped escape_twice(const Credential &service) {
     return twice;
 }
 
+struct SessionKeys {
+    const char *user;
+    const char *password;
+    const char *service;
+};
+constexpr SessionKeys kSession1{"pppoe_username", "pppoe_passwd", "pppoe_servicename"};
+constexpr SessionKeys kSession2{"pppoe2_username", "pppoe2_passwd", "pppoe2_servicename"};
+
 // What one session's files are made of.
 struct Session {
     Quoted user;
@@ -46,159 +55,127 @@ struct Session {
     std::array<char, 16> wan_ifname;
 };
 
-Session read_session(const char *user_key, const char *password_key, const char *service_key) {
-    Credential user = read_value<64>(user_key);
-    Credential password = read_value<64>(password_key);
-    Credential service = read_value<64>(service_key);
-    return {ppp::quoted<128>(user), ppp::quoted<128>(password), escape_twice(service),
-            read_value<16>("wan_ifname")};
+// The session's values, or nothing after the refusal of each that does not fit: pppd hands the
+// pty line to a shell, and the escaping of the service name leaves control characters as they
+// are; the user name and password go quoted into one line each.
+std::optional<Session> read_session(const SessionKeys &keys) {
+    const Credential user = store::read_value<64>(keys.user);
+    const Credential password = store::read_value<64>(keys.password);
+    const Credential service = store::read_value<64>(keys.service);
+    const auto wan_ifname = store::read_value<16>("wan_ifname");
+    if (!ppp::values_fit(kRoutine, {{"wan_ifname", wan_ifname.data(), Kind::ifname},
+                                    {keys.user, user.data(), Kind::line},
+                                    {keys.password, password.data(), Kind::line},
+                                    {keys.service, service.data(), Kind::line}}))
+        return std::nullopt;
+    return Session{ppp::quoted<128>(user), ppp::quoted<128>(password), escape_twice(service),
+                   wan_ifname};
 }
 
 // The access concentrator and session id of the last session, for pppoecd to resume; no file
-// when there is nothing to resume.
+// when there is nothing to resume, or nothing fit to resume with.
 void write_resume_file(const char *path, const char *mac_key, const char *id_key) {
-    File f = open_file(path, "w");
-    if (!f) {
-        std::perror(path);
-        return;
+    GeneratedFile f(path);
+    if (!f) return;
+    const char *mac = store::get(mac_key);
+    const char *id = store::get(id_key);
+    if (*mac != '\0' && ppp::decimal_value(id) != 0 &&
+        ppp::values_fit(kRoutine, {{mac_key, mac, Kind::token}, {id_key, id, Kind::number}})) {
+        f.printf("%s %s\n", mac, id);
+        if (f.commit() == 0) return;
     }
-    const char *mac = veskNvramConfig_get(mac_key);
-    const char *id = veskNvramConfig_get(id_key);
-    if (*mac != '\0' && ppp::decimal_value(id) != 0) {
-        std::fprintf(f.get(), "%s %s\n", mac, id);
-        return;
-    }
-    f.reset();
     unlink(path);
 }
 
-// pppd hands the pty line to a shell. The interface name must be one; the service name is
-// escaped for every character the shell treats specially, but not for control characters, so a
-// line break or a tab in it would start a command of its own there.
-bool pty_values_fit(const Session &s) {
-    const char *routine = "start_pppoe_session";
-    if (!shell::format(routine, "pty 'pppoecd -I %s'", {shell::ifname(s.wan_ifname.data())}))
-        return false;
-    if (!ppp::has_control_character(s.service.data())) return true;
-    std::fprintf(stderr, "%s: refused service name with a control character for the pty line\n",
-                 routine);
-    return false;
-}
-
 bool ktune_wanted() {
-    return !(match("wwan_wan_type", "2") && match("wan_proto", "pppoe") &&
-             match("current_ifname", "rm_usb0"));
+    return !(store::match("wwan_wan_type", "2") && store::match("wan_proto", "pppoe") &&
+             store::match("current_ifname", "rm_usb0"));
 }
 
-bool write_options(const Session &s, int mtu, bool single_session, bool japan) {
-    const char *path = "/tmp/ppp/options";
-    File file = open_file(path, "w");
-    if (!file) {
-        std::perror(path);
-        return false;
-    }
-    std::FILE *f = file.get();
-    const bool always_on = match("pppoe_dod", "0");
-    const bool on_demand = match("pppoe_dod", "1");
-    const int idle = number("pppoe_idletime");
+// "<helper> -I <ifname>[ -S <service>]<tail>".
+std::string pty_command(const char *helper, const Session &s, const char *tail) {
+    std::string command = std::string(helper) + " -I " + s.wan_ifname.data();
+    if (s.service[0] != '\0') command += std::string(" -S ") + s.service.data();
+    return command + tail;
+}
 
-    std::fputs("defaultroute\n", f);
-    if (s.service[0] != '\0')
-        std::fprintf(f, "pty 'pppoecd -I %s -S %s'\n", s.wan_ifname.data(), s.service.data());
-    else
-        std::fprintf(f, "pty 'pppoecd -I %s'\n", s.wan_ifname.data());
-    std::fputs("noauth\n", f);
-    std::fprintf(f, "user \"%s\"\n", s.user.data());
-    std::fprintf(f, "mtu %d\n", mtu);
-    std::fprintf(f, "mru %d\n", mtu);
-    std::fputs("holdoff 5\n", f);
-    if (always_on) std::fputs("persist\n", f);
-    std::fputs("lcp-echo-interval 10\n", f);
-    std::fputs("lcp-echo-failure 3\n", f);
-    std::fputs("maxfail 0\n", f);
-    std::fputs(
-        japan ? "disconnect 'killall pppoecd 2> /dev/null'\n" : "disconnect 'killall pppoecd'\n",
-        f);
-    ppp::write_local_address_line(f, veskNvramConfig_get("pppoe_localip"), "pppoe_ip_sel");
-    if (single_session) std::fputs("+ipv6\nipv6 , \n", f);
-    std::fputs("ipcp-accept-remote\n", f);
-    std::fputs("noipdefault\n", f);
-    if (ktune_wanted()) std::fputs("ktune\n", f);
-    ppp::write_link_lines(f);
-    if (japan) std::fputs("unit 0\n", f);
-    std::fputs("pap-max-authreq 3\n", f);
-    std::fputs("chap-max-challenge 3\n", f);
-    if (on_demand && idle != 0)
-        std::fprintf(f, "idle %d\ndemand\n", idle);
-    else if (on_demand)
-        std::fputs("persist\n", f);
-
-    file.reset();
-    chmod(path, 0666);
-    return true;
+bool write_session1_options(const Session &s, int mtu, bool single_session, bool japan) {
+    return ppp::write_options(
+        kRoutine, {.path = "/tmp/ppp/options",
+                   .default_route = true,
+                   .pty = pty_command("pppoecd", s, ""),
+                   .user = s.user.data(),
+                   .mtu = mtu,
+                   .mru = mtu,
+                   .dod_key = "pppoe_dod",
+                   .lcp_echo_interval = 10,
+                   .disconnect = japan ? "killall pppoecd 2> /dev/null" : "killall pppoecd",
+                   .disconnect_before_maxfail = false,
+                   .connect_echo = false,
+                   .restarts = false,
+                   .local_ip_key = "pppoe_localip",
+                   .ip_sel_key = "pppoe_ip_sel",
+                   .ipv6 = single_session,
+                   .ktune = ktune_wanted(),
+                   .unit = japan ? 0 : -1,
+                   .linkname = false,
+                   .auth_limits = true,
+                   .idle_key = "pppoe_idletime",
+                   .idle_in_minutes = false,
+                   .persist_fallback = true});
 }
 
 // Session 2 never takes the default route and keeps its own pppoecd and unit.
 bool write_session2_options(const Session &s, int mtu) {
-    const char *path = "/tmp/ppp/peers/options";
-    File file = open_file(path, "w+");
-    if (!file) {
-        std::perror(path);
-        return false;
-    }
-    std::FILE *f = file.get();
-    const int idle = number("pppoe2_idletime");
+    return ppp::write_options(kRoutine, {.path = "/tmp/ppp/peers/options",
+                                         .default_route = false,
+                                         .pty = pty_command("/tmp/pppoecd2", s, " -P 1"),
+                                         .user = s.user.data(),
+                                         .mtu = mtu,
+                                         .mru = mtu,
+                                         .dod_key = "pppoe2_dod",
+                                         .lcp_echo_interval = 20,
+                                         .disconnect = "killall pppoecd2 2> /dev/null",
+                                         .disconnect_before_maxfail = false,
+                                         .connect_echo = false,
+                                         .restarts = false,
+                                         .local_ip_key = "pppoe2_localip",
+                                         .ip_sel_key = nullptr,
+                                         .ipv6 = false,
+                                         .ktune = true,
+                                         .unit = 1,
+                                         .linkname = false,
+                                         .auth_limits = false,
+                                         .idle_key = "pppoe2_idletime",
+                                         .idle_in_minutes = false,
+                                         .persist_fallback = false});
+}
 
-    if (s.service[0] != '\0')
-        std::fprintf(f, "pty '/tmp/pppoecd2 -I %s -S %s -P 1'\n", s.wan_ifname.data(),
-                     s.service.data());
-    else
-        std::fprintf(f, "pty '/tmp/pppoecd2 -I %s -P 1'\n", s.wan_ifname.data());
-    std::fputs("noauth\n", f);
-    std::fprintf(f, "user \"%s\"\n", s.user.data());
-    std::fprintf(f, "mtu %d\n", mtu);
-    std::fprintf(f, "mru %d\n", mtu);
-    std::fputs("holdoff 5\n", f);
-    if (match("pppoe2_dod", "0")) std::fputs("persist\n", f);
-    std::fputs("lcp-echo-interval 20\n", f);
-    std::fputs("lcp-echo-failure 3\n", f);
-    std::fputs("maxfail 0\n", f);
-    std::fputs("disconnect 'killall pppoecd2 2> /dev/null'\n", f);
-    ppp::write_local_address_line(f, veskNvramConfig_get("pppoe2_localip"), nullptr);
-    std::fputs("ipcp-accept-remote\n", f);
-    std::fputs("noipdefault\n", f);
-    std::fputs("ktune\n", f);
-    ppp::write_link_lines(f);
-    std::fputs("unit 1\n", f);
-    if (match("pppoe2_dod", "1") && idle != 0) std::fprintf(f, "idle %d\ndemand\n", idle);
-
-    file.reset();
-    chmod(path, 0666);
-    return true;
+bool write_secrets(const Session &s, bool append) {
+    return ppp::write_secrets("/tmp/ppp/pap-secrets", "/tmp/ppp/pap-secrets", s.user.data(),
+                              s.password.data(), append) &&
+           ppp::write_secrets("/tmp/ppp/chap-secrets", "/tmp/ppp/chap-secrets", s.user.data(),
+                              s.password.data(), append);
 }
 
 // The second session's files; its pppd is started later by the PPP link-up handler. Its
 // secrets are appended to the first session's, which are rewritten at every start.
 bool prepare_session2(int mtu) {
-    Session s = read_session("pppoe2_username", "pppoe2_passwd", "pppoe2_servicename");
-    if (!pty_values_fit(s)) return false;
+    const std::optional<Session> s = read_session(kSession2);
+    if (!s) return false;
     write_resume_file("/tmp/ppp/pppoe2_session", "pppoe2_server_mac", "pppoe2_session_id");
-    return write_session2_options(s, mtu) &&
-           ppp::write_secrets("/tmp/ppp/pap-secrets", "a+", "/tmp/ppp/pap-secrets", s.user.data(),
-                              s.password.data()) &&
-           ppp::write_secrets("/tmp/ppp/chap-secrets", "a+", "/tmp/ppp/chap-secrets", s.user.data(),
-                              s.password.data());
+    return write_session2_options(*s, mtu) && write_secrets(*s, true);
 }
 
 // Russian dual access: the physical interface gets its own address beside the PPPoE session.
 void start_dual_access(const char *ifname, int unit) {
-    if (match("static_pppoe_enable", "1")) {
+    if (store::match("static_pppoe_enable", "1")) {
         // The Ethernet WAN start has already put the user's address on the interface.
         std::puts("Static IP by user defined.");
         return;
     }
     std::puts("Dynamic IP by DHCP client.");
-    veskNvramConfig_set("pppoe_dhcp_enabled", "0");
+    store::set("pppoe_dhcp_enabled", "0");
     // A child whose execv failed goes on to the launch like its parent; kept as the router
     // does it.
     ppp::start_udhcpc(ifname, unit);
@@ -208,12 +185,10 @@ void start_dual_access(const char *ifname, int unit) {
 
 void start_pppoe_session(const char *ifname, int unit) {
     if (ifname == nullptr) ifname = "";
-    const Session s = read_session("pppoe_username", "pppoe_passwd", "pppoe_servicename");
-    if (!pty_values_fit(s)) return;
     const bool single_session = is_single_session_pppoe() != 0;
     if (single_session) {
         // IPv6 over the same session needs the link always up.
-        veskNvramConfig_set("pppoe_dod", "0");
+        store::set("pppoe_dod", "0");
         // Relative to the working directory, as the router names them.
         symlink("/sbin/vesk_service", "tmp/ppp/ipv6-up");
         symlink("/sbin/vesk_service", "tmp/ppp/ipv6-down");
@@ -226,23 +201,28 @@ void start_pppoe_session(const char *ifname, int unit) {
     ppp::set_number("wan_mtu", mtu);
 
     write_resume_file("/tmp/ppp/pppoe_session", "pppoe_server_mac", "pppoe_session_id");
-    if (!write_options(s, mtu, single_session, japan)) return;
-    if (!ppp::write_secrets("/tmp/ppp/pap-secrets", "w", "/tmp/ppp/pap-secrets", s.user.data(),
-                            s.password.data()) ||
-        !ppp::write_secrets("/tmp/ppp/chap-secrets", "w", "/tmp/ppp/chap-secrets", s.user.data(),
-                            s.password.data()))
+    const std::optional<Session> s = read_session(kSession1);
+    if (!s || !write_session1_options(*s, mtu, single_session, japan) || !write_secrets(*s, false))
         return;
-    if (japan && !prepare_session2(mtu)) return;
+
+    // The second session is independent: when it cannot be prepared it is left out, and
+    // nothing is to start a pppd on its old or half-made files.
+    bool session2 = japan && prepare_session2(mtu);
+    if (japan && !session2) {
+        unlink("/tmp/ppp/peers/options");
+        unlink("/tmp/ppp/no_ppp2");
+        std::fprintf(stderr, "%s: second PPPoE session left out\n", kRoutine);
+    }
 
     ppp::make_pty_node(ppp::kPtys0);
     ppp::make_pty_node(ppp::kTtys0);
-    if (japan) {
+    if (session2) {
         ppp::make_pty_node(ppp::kPtys1);
         ppp::make_pty_node(ppp::kTtys1);
     }
     if (is_ru_region()) start_dual_access(ifname, unit);
 
     // The flag tells the PPP link-up handler that the second session's pppd is still to start.
-    if (ppp::launch_pppd("pppoe_dod", "pppoe_dod", "pppd") && japan)
-        open_file("/tmp/ppp/no_ppp2", "w+");
+    if (ppp::launch_pppd("pppoe_dod", "pppoe_dod", "pppd") && session2)
+        write_generated_file("/tmp/ppp/no_ppp2", "", GeneratedFile::kCreationMode);
 }

@@ -1,96 +1,92 @@
 // PPTP: the parameter file of the pptp helper, the pppd options and secrets, the pty nodes, the
 // address of the physical interface (static or DHCP) and the launch of pppd.
-#include <sys/stat.h>
-
 #include <cstdio>
 #include <cstring>
 
-#include "platform/nvram.h"
 #include "platform/vesk_shared.h"
-#include "shared/command.h"
-#include "shared/file.h"
+#include "shared/generated_file.h"
+#include "shared/store.h"
 #include "wan/ppp_common.h"
 #include "wan/ppp_sessions.h"
 
 namespace {
 
-using ppp::match;
-using ppp::read_value;
+using values::Kind;
 
+constexpr const char *kRoutine = "start_pptp_session";
 constexpr int kMtuCap = 1436;
 
 // The DNS servers host-routed by an earlier static start of this process.
 ppp::DnsRouteTable dns_routes;
 
 struct Settings {
-    std::array<char, 122> user;
-    std::array<char, 102> password;
+    std::array<char, 61> user;
+    std::array<char, 51> password;
     std::array<char, 32> user_ip;
     std::array<char, 64> server;
     std::array<char, 32> gateway;
+    std::array<char, 32> netmask;
     std::array<char, 16> wan_ifname;
     bool is_static;
 };
 
-bool write_parameters(const Settings &s) {
-    const char *path = "/tmp/ppp/pptpIp";
-    File file = open_file(path, "w");
-    if (!file) {
-        std::perror(path);
-        return false;
-    }
-    std::FILE *f = file.get();
-    const char *gateway = s.server.data();
+// The gateway of the parameter file: the user's in static mode, else the server.
+const char *parameter_gateway(const Settings &s) {
     if (s.is_static && s.gateway[0] != '\0' && std::strcmp(s.gateway.data(), "...") != 0)
-        gateway = s.gateway.data();
-
-    std::fprintf(f, "%s\n", s.wan_ifname.data());
-    std::fprintf(f, "pptp_serv_ip %s\n", s.server.data());
-    std::fprintf(f, "pptp_user_ip %s\n", s.is_static ? s.user_ip.data() : "0.0.0.0");
-    std::fprintf(f, "pptp_gateway_ip %s\n", gateway);
-    std::fprintf(f, "pptp_user_netmask %s\n",
-                 s.is_static ? read_value<32>("pptp_user_netmask").data() : "0.0.0.0");
-    return true;
+        return s.gateway.data();
+    return s.server.data();
 }
 
-bool write_options(const Settings &s, int mtu) {
-    const char *path = "/tmp/ppp/options";
-    File file = open_file(path, "w");
-    if (!file) {
-        std::perror(path);
-        return false;
-    }
-    std::FILE *f = file.get();
-    const bool on_demand = match("pptp_dod", "1");
-    const int idle_minutes = ppp::decimal_value(veskNvramConfig_get("pptp_idletime"));
+// pppd hands the pty line to a shell: the server must be one address or host name there. The
+// rest goes into one line each of the parameter file, the options and the secrets.
+bool values_fit(const Settings &s) {
+    const bool own_gateway = parameter_gateway(s) == s.gateway.data();
+    return ppp::values_fit(
+        kRoutine,
+        {{"pptp_serv_ip", s.server.data(), Kind::name},
+         {"wan_ifname", s.wan_ifname.data(), Kind::ifname},
+         {"pptp_user_ip", s.is_static ? s.user_ip.data() : "", Kind::ipv4},
+         {"pptp_gateway", own_gateway ? s.gateway.data() : "", Kind::ipv4},
+         {"pptp_user_netmask", s.is_static ? s.netmask.data() : "", Kind::ipv4},
+         {"pptp_username", s.user.data(), Kind::line},
+         {"pptp_passwd", s.password.data(), Kind::line}});
+}
 
-    std::fputs("defaultroute\n", f);
-    std::fprintf(f, "pty 'pptp %s --nolaunchpppd'\n", s.server.data());
-    std::fputs("noauth\n", f);
-    std::fprintf(f, "user \"%s\"\n", s.user.data());
-    std::fprintf(f, "mtu %d\n", mtu);
-    // The MRU stays at the cap whatever the MTU.
-    std::fprintf(f, "mru %d\n", kMtuCap);
-    std::fputs("holdoff 5\n", f);
-    if (match("pptp_dod", "0")) std::fputs("persist\n", f);
-    std::fputs("lcp-echo-interval 10\n", f);
-    std::fputs("lcp-echo-failure 3\n", f);
-    std::fputs("disconnect 'killall pptp'\n", f);
-    std::fputs("maxfail 0\n", f);
-    std::fputs("connect echo\n", f);
-    ppp::write_local_address_line(f, veskNvramConfig_get("pptp_localip"), "pptp_ip_sel");
-    std::fputs("ipcp-accept-remote\n", f);
-    std::fputs("noipdefault\n", f);
-    std::fputs("ktune\n", f);
-    ppp::write_link_lines(f);
-    if (on_demand && idle_minutes != 0)
-        std::fprintf(f, "idle %d\ndemand\n", ppp::minutes_to_seconds(idle_minutes));
-    else if (on_demand)
-        std::fputs("persist\n", f);
+bool write_parameters(const Settings &s) {
+    GeneratedFile f("/tmp/ppp/pptpIp");
+    if (!f) return false;
+    f.printf("%s\n", s.wan_ifname.data());
+    f.printf("pptp_serv_ip %s\n", s.server.data());
+    f.printf("pptp_user_ip %s\n", s.is_static ? s.user_ip.data() : "0.0.0.0");
+    f.printf("pptp_gateway_ip %s\n", parameter_gateway(s));
+    f.printf("pptp_user_netmask %s\n", s.is_static ? s.netmask.data() : "0.0.0.0");
+    return f.commit() == 0;
+}
 
-    file.reset();
-    chmod(path, 0666);
-    return true;
+bool write_options(const Settings &s, const char *user, int mtu) {
+    return ppp::write_options(
+        kRoutine, {.path = "/tmp/ppp/options",
+                   .default_route = true,
+                   .pty = std::string("pptp ") + s.server.data() + " --nolaunchpppd",
+                   .user = user,
+                   .mtu = mtu,
+                   .mru = kMtuCap,  // the MRU stays at the cap whatever the MTU
+                   .dod_key = "pptp_dod",
+                   .lcp_echo_interval = 10,
+                   .disconnect = "killall pptp",
+                   .disconnect_before_maxfail = true,
+                   .connect_echo = true,
+                   .restarts = false,
+                   .local_ip_key = "pptp_localip",
+                   .ip_sel_key = "pptp_ip_sel",
+                   .ipv6 = false,
+                   .ktune = true,
+                   .unit = -1,
+                   .linkname = false,
+                   .auth_limits = false,
+                   .idle_key = "pptp_idletime",
+                   .idle_in_minutes = true,
+                   .persist_fallback = true});
 }
 
 }  // namespace
@@ -98,30 +94,30 @@ bool write_options(const Settings &s, int mtu) {
 void start_pptp_session(const char *ifname, int unit) {
     if (ifname == nullptr) ifname = "";
     Settings s{};
-    s.user = ppp::quoted<122>(read_value<61>("pptp_username"));
-    s.password = ppp::quoted<102>(read_value<51>("pptp_passwd"));
-    s.user_ip = read_value<32>("pptp_user_ip");
-    s.server = read_value<64>("pptp_serv_ip");
-    s.gateway = read_value<32>("pptp_gateway");
-    s.wan_ifname = read_value<16>("wan_ifname");
-    s.is_static = match("static_pptp_enable", "1");
-    // pppd hands the pty line to a shell: the server must be one address or host name there.
-    if (!shell::format("start_pptp_session", "pty 'pptp %s --nolaunchpppd'",
-                       {shell::word(s.server.data())}))
-        return;
+    s.user = store::read_value<61>("pptp_username");
+    s.password = store::read_value<51>("pptp_passwd");
+    s.user_ip = store::read_value<32>("pptp_user_ip");
+    s.server = store::read_value<64>("pptp_serv_ip");
+    s.gateway = store::read_value<32>("pptp_gateway");
+    s.wan_ifname = store::read_value<16>("wan_ifname");
+    s.is_static = store::match("static_pptp_enable", "1");
+    const auto user = ppp::quoted<122>(s.user);
+    const auto password = ppp::quoted<102>(s.password);
 
-    int mtu = ppp::decimal_value(veskNvramConfig_get("wan_mtu"));
+    int mtu = ppp::decimal_value(store::get("wan_mtu"));
     // Unsigned on purpose: a negative MTU is clamped too. The key changes only when clamped.
     if (static_cast<unsigned>(mtu) > kMtuCap) {
-        veskNvramConfig_set("wan_mtu", "1436");
+        store::set("wan_mtu", "1436");
         mtu = kMtuCap;
     }
 
-    if (!write_parameters(s) || !write_options(s, mtu)) return;
-    if (!ppp::write_secrets("/tmp/ppp/pap-secrets", "w", "/tmp/ppp/pap-screts", s.user.data(),
-                            s.password.data()) ||
-        !ppp::write_secrets("/tmp/ppp/chap-secrets", "w", "/tmp/ppp/chap-screts", s.user.data(),
-                            s.password.data()))
+    // The mask as the parameter file carries it: before an empty one gets its default.
+    s.netmask = store::read_value<32>("pptp_user_netmask");
+    if (!values_fit(s) || !write_parameters(s) || !write_options(s, user.data(), mtu)) return;
+    if (!ppp::write_secrets("/tmp/ppp/pap-secrets", "/tmp/ppp/pap-screts", user.data(),
+                            password.data(), false) ||
+        !ppp::write_secrets("/tmp/ppp/chap-secrets", "/tmp/ppp/chap-screts", user.data(),
+                            password.data(), false))
         return;
     ppp::make_pty_node(ppp::kPtys0);
     ppp::make_pty_node(ppp::kTtys0);

@@ -1,7 +1,8 @@
 // Hostile configuration values: every key whose value reaches a shell command line, directly or
 // through the options file whose script options (pty, connect, disconnect) pppd gives to a
-// shell, set to text meant to run a command of its own. No such command may run, no command
-// line may carry the value, and each refusal is reported by the routine.
+// shell, and the PPP credentials and addresses that go into a line of a file, set to text meant
+// to run a command of its own. No such command may run, no command line may carry the value,
+// and each refusal is reported by the routine.
 //
 // Only "/bin/sh -c" lines count as carrying a value: argument vectors started through
 // _eval/_eval_daemon reach their program as one argument with no shell in between, so a hostile
@@ -15,6 +16,7 @@
 #include "services/dns.h"
 #include "services/wan_up.h"
 #include "tests/support/testroot.h"
+#include "tests/unit/ppp_checks.h"
 #include "wan/ppp_sessions.h"
 
 #include <dirent.h>
@@ -108,7 +110,13 @@ const std::vector<Case> &cases() {
          Refused::control_characters},
         {"pppoe2_servicename", "start_pppoe_session", {{"sku_name", "JP"}},
          [] { start_pppoe_session("eth0", 0); }, Refused::control_characters},
+        {"pppoe_username", "start_pppoe_session", {}, [] { start_pppoe_session("eth0", 0); },
+         Refused::control_characters},
+        {"pppoe_passwd", "start_pppoe_session", {}, [] { start_pppoe_session("eth0", 0); },
+         Refused::control_characters},
         {"pptp_serv_ip", "start_pptp_session", {}, [] { start_pptp_session("eth0", 0); }},
+        {"pptp_user_ip", "start_pptp_session", {}, [] { start_pptp_session("eth0", 0); }},
+        {"l2tp_gateway_ip", "start_l2tp_session", {}, [] { start_l2tp_session("eth0", 0); }},
         {"l2tp_user_name", "start_l2tp_session", {}, [] { start_l2tp_session("eth0", 0); },
          Refused::quote_breaking},
         {"l2tp_serv_ip", "start_l2tp_session", {}, [] { start_l2tp_session("eth0", 0); },
@@ -239,6 +247,51 @@ TEST_F(HostileValues, EveryKeyReachingAShell_NothingInjectedAndEachRefusalReport
                     << label << "\n" << output;
             }
         }
+    }
+}
+
+// A requested local address that carries a line of its own into the options file: the
+// address line is refused and left out, and Debian's pppd reads no script option from it.
+TEST_F(HostileValues, PppLocalAddressWithALineOfItsOwn_LeftOutAndPppdRunsNoConnect) {
+    const std::string value = "10.9.9.9:\nconnect \"touch /tmp/INJECTED\" #";
+    struct Row {
+        const char *key;
+        const char *file;
+        const char *routine;
+        void (*start)(const char *, int);
+    };
+    for (const Row &row : {Row{"pppoe_localip", "/tmp/ppp/options", "start_pppoe_session",
+                               start_pppoe_session},
+                           Row{"pppoe2_localip", "/tmp/ppp/peers/options", "start_pppoe_session",
+                               start_pppoe_session},
+                           Row{"pptp_localip", "/tmp/ppp/options", "start_pptp_session",
+                               start_pptp_session},
+                           Row{"l2tp_localip", "/tmp/ppp/options", "start_l2tp_session",
+                               start_l2tp_session}}) {
+        testroot::reset();
+        mkdir("/tmp/ppp", 0777);
+        mkdir("/tmp/ppp/peers", 0777);
+        for (const auto &[key, setting] : kBase) veskNvramConfig_set(key, setting);
+        veskNvramConfig_set("sku_name", "JP");
+        veskNvramConfig_set("wan_mtu", "1400");
+        veskNvramConfig_set("pppoe_localip", "0.0.0.0");
+        veskNvramConfig_set("pppoe2_localip", "0.0.0.0");
+        veskNvramConfig_set(row.key, value.c_str());
+
+        CaptureStdout();
+        CaptureStderr();
+        row.start("eth0", 0);
+        const std::string output = GetCapturedStdout() + GetCapturedStderr();
+        EXPECT_NE(output.find(std::string(row.routine) + ": refused " + row.key +
+                              " \"10.9.9.9:\\nconnect \"touch /tmp/INJECTED\" #\": not an "
+                              "IPv4 address\n"),
+                  std::string::npos)
+            << row.key << "\n" << output;
+        const std::string options = testroot::read_file(row.file);
+        EXPECT_NE(options.find("\nnoipdefault\n"), std::string::npos) << row.key;
+        auto [status, dryrun] = ppp_checks::pppd_dryrun(row.file);
+        EXPECT_EQ(status, 0) << row.key << "\n" << dryrun;
+        EXPECT_EQ(dryrun.find("INJECTED"), std::string::npos) << row.key << "\n" << dryrun;
     }
 }
 

@@ -5,6 +5,8 @@
 #include "wan/ppp_common.h"
 #include "wan/ppp_sessions.h"
 
+#include <fcntl.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
@@ -13,6 +15,7 @@
 #include <filesystem>
 #include <string>
 #include <tuple>
+#include <vector>
 
 using namespace ppp_checks;
 using testing::ElementsAre;
@@ -50,11 +53,11 @@ protected:
 };
 
 TEST_F(Pppoe, AlwaysOn_WritesOptionsSecretsNodesAndStartsPppd) {
-    // No session id: nothing to resume. A probe start while LTE is active: no ktune.
+    // A probe start while LTE is active: no ktune.
     for (auto [key, value] :
          {std::pair{"pppoe_servicename", "my isp"}, {"pppoe_localip", "10.1.2.3"},
-          {"pppoe_ip_sel", "1"}, {"pppoe_server_mac", "00:11:22:33:44:55"},
-          {"wwan_wan_type", "2"}, {"wan_proto", "pppoe"}, {"current_ifname", "rm_usb0"}})
+          {"pppoe_ip_sel", "1"}, {"wwan_wan_type", "2"}, {"wan_proto", "pppoe"},
+          {"current_ifname", "rm_usb0"}})
         set(key, value);
     EXPECT_EQ(start(), "pppd executed successfully. (0)\n");
     EXPECT_EQ(options(), std::string("defaultroute\npty 'pppoecd -I eth0 -S my\\\\\\ isp'\n"
@@ -70,7 +73,7 @@ TEST_F(Pppoe, AlwaysOn_WritesOptionsSecretsNodesAndStartsPppd) {
               "c 2 48 600, c 3 48 600");
     EXPECT_THAT(testroot::calls_of("pppd"),
                 ElementsAre(ElementsAre("pppd", "file", "/tmp/ppp/options")));
-    EXPECT_FALSE(testroot::exists("/tmp/ppp/pppoe_session") || testroot::exists("/tmp/ppp/no_ppp2"));
+    EXPECT_FALSE(testroot::exists("/tmp/ppp/no_ppp2"));
 
     start();  // the nodes are there now: mknod fails harmlessly
     EXPECT_EQ(
@@ -143,10 +146,57 @@ TEST_F(Pppoe, ManualMode_WritesEverythingButStartsNoPppdAndPrintsNothing) {
     EXPECT_EQ(node("/dev/ttys1"), "c 3 49 600");
     EXPECT_TRUE(testroot::calls_of("pppd").empty());
     EXPECT_FALSE(testroot::exists("/tmp/ppp/no_ppp2"));
+}
 
-    std::filesystem::remove_all("/tmp/ppp/peers");  // a missing directory ends the start there
-    start();
-    EXPECT_EQ(err_, "/tmp/ppp/peers/options: No such file or directory\n");
+TEST_F(Pppoe, SecondSessionFailures_LeaveItOutAndStartTheFirst) {
+    set("sku_name", "JP");
+    set("pppoe2_localip", "0.0.0.0");
+    using Break = void (*)();
+    for (auto [broken, report] :
+         {std::pair<Break, const char *>{
+              [] { set("pppoe2_servicename", "isp\nconnect x"); },
+              "start_pppoe_session: refused pppoe2_servicename \"isp\\nconnect x\": not a "
+              "single line\n"},
+          {[] { std::filesystem::remove_all("/tmp/ppp/peers"); },
+           "/tmp/ppp/peers/options: No such file or directory\n"}}) {
+        set("pppoe2_servicename", "");
+        mkdir("/tmp/ppp/peers", 0777);
+        start();  // a whole start leaves session 2's files and its flag
+        ASSERT_TRUE(testroot::exists("/tmp/ppp/peers/options") &&
+                    testroot::exists("/tmp/ppp/no_ppp2"));
+        broken();
+        unlink("/dev/ptys0");
+        testroot::clear_logs();
+
+        EXPECT_EQ(start(), "pppd executed successfully. (0)\n");
+        EXPECT_EQ(err_, std::string(report) + "start_pppoe_session: second PPPoE session left out\n"
+                                              "Unable to create /dev/ttys0: File exists\n");
+        EXPECT_FALSE(testroot::exists("/tmp/ppp/peers/options") ||
+                     testroot::exists("/tmp/ppp/no_ppp2"));
+        EXPECT_EQ(node("/dev/ptys0"), "c 2 48 600");
+        EXPECT_EQ(testroot::calls_of("pppd").size(), 1u);
+        EXPECT_EQ(testroot::read_file("/tmp/ppp/chap-secrets"),
+                  "\"us\\\"er\" * \"p\\\"a%s\\$\" *\n");  // session 1's line alone
+    }
+}
+
+TEST_F(Pppoe, FullTmp_WriteReportedWithPathOldFileKeptNoPppd) {
+    ASSERT_EQ(mount("tmpfs", "/tmp/ppp", "tmpfs", 0, "size=8k"), 0);
+    testroot::write_file("/tmp/ppp/options", "old options\n");
+    int fd = open("/tmp/ppp/filler", O_WRONLY | O_CREAT, 0600);
+    const std::string block(512, 'x');
+    while (write(fd, block.data(), block.size()) > 0) {
+    }
+    close(fd);
+
+    EXPECT_EQ(start(), "");
+    EXPECT_EQ(err_, "/tmp/ppp/options: No space left on device\n");
+    EXPECT_EQ(options(), "old options\n");
+    EXPECT_TRUE(testroot::calls_of("pppd").empty());
+    std::vector<std::string> names;
+    for (const auto &entry : std::filesystem::directory_iterator("/tmp/ppp"))
+        names.push_back(entry.path().filename());
+    EXPECT_THAT(names, testing::UnorderedElementsAre("filler", "options"));
 }
 
 TEST_F(Pppoe, RussianDualAccess_StartsUdhcpcWithoutWaitingUnlessStatic) {
@@ -160,6 +210,29 @@ TEST_F(Pppoe, RussianDualAccess_StartsUdhcpcWithoutWaitingUnlessStatic) {
                             "/tmp/udhcpc", "-H", "home"));
     set("static_pppoe_enable", "1");
     EXPECT_EQ(start(), "Static IP by user defined.\npppd executed successfully. (0)\n");
+}
+
+TEST_F(Pppoe, ResumeFile_OnlyWithAMacAndSessionIdFitToResume_ElseNoneLeft) {
+    using Case = std::tuple<const char *, const char *, const char *, const char *>;
+    for (auto [mac, id, content, report] :
+         {Case{"00:11:22:33:44:55", "7", "00:11:22:33:44:55 7\n", ""},
+          Case{"00:11:22:33:44:55", "0", "", ""}, Case{"", "7", "", ""},
+          Case{"00:11 #x", "7", "",
+               "start_pppoe_session: refused pppoe_server_mac \"00:11 #x\": not a single word\n"},
+          Case{"00:11:22:33:44:55", "7\nx", "",
+               "start_pppoe_session: refused pppoe_session_id \"7\\nx\": not a number\n"}}) {
+        SCOPED_TRACE(std::string(mac) + " " + id);
+        testroot::write_file("/tmp/ppp/pppoe_session", "00:99:99:99:99:99 1\n");  // an old one
+        set("pppoe_server_mac", mac);
+        set("pppoe_session_id", id);
+        EXPECT_EQ(start(), "pppd executed successfully. (0)\n");
+        EXPECT_EQ(testroot::exists("/tmp/ppp/pppoe_session")
+                      ? testroot::read_file("/tmp/ppp/pppoe_session")
+                      : "",
+                  content);
+        const bool refused = *report != '\0';
+        EXPECT_EQ(err_.find(refused ? report : "refused") != std::string::npos, refused) << err_;
+    }
 }
 
 TEST_F(Pppoe, LongValues_CutAt63CharactersAndEscapedWithinTheirBuffers) {
