@@ -51,7 +51,8 @@ bool values_fit(const Settings &s) {
                    {"l2tp_user_ip", s.is_static ? s.user_ip.data() : "", Kind::ipv4},
                    {"l2tp_gateway_ip", own_gateway ? s.gateway.data() : "", Kind::ipv4},
                    {"l2tp_user_netmask", s.is_static ? s.netmask.data() : "", Kind::ipv4},
-                   {"l2tp_conn_id", s.conn_id.data(), Kind::line},
+                   // The section name ends at ']' and the info file is read as one word.
+                   {"l2tp_conn_id", s.conn_id.data(), Kind::token},
                    {"l2tp_user_passwd", s.password.data(), Kind::line}});
     return ppp::raw_user_fits(kRoutine, "l2tp_user_name", s.user.data()) && fit;
 }

@@ -216,7 +216,7 @@ void start_pppoe_session(const char *ifname, int unit) {
 
     ppp::make_pty_node(ppp::kPtys0);
     ppp::make_pty_node(ppp::kTtys0);
-    if (session2) {
+    if (japan) {
         ppp::make_pty_node(ppp::kPtys1);
         ppp::make_pty_node(ppp::kTtys1);
     }
