@@ -96,7 +96,8 @@ private:
         if (!broken) {
             mode = requested_mode(request_);
             if (!mode)
-                broken = request_.size() > kMaxRequest ? "request too long" : "not the expected JSON";
+                broken =
+                    request_.size() > kMaxRequest ? "request too long" : "not the expected JSON";
         }
         if (!mode) {
             std::fprintf(stderr, "failover-lte: bad request (%s), %zu bytes\n", broken,
@@ -164,7 +165,8 @@ bool start_listening(const std::string &path, RequestHandler handler, SocketLimi
                      std::strerror(errno));
     if (bind(fd.get(), reinterpret_cast<const sockaddr *>(&addr), sizeof addr) != 0 ||
         listen(fd.get(), 16) != 0) {
-        std::fprintf(stderr, "failover-lte: listen on %s: %s\n", path.c_str(), std::strerror(errno));
+        std::fprintf(stderr, "failover-lte: listen on %s: %s\n", path.c_str(),
+                     std::strerror(errno));
         return false;
     }
     g_listener = new Listener;

@@ -46,10 +46,10 @@ std::string netmask_of(unsigned prefix) {
 
 pid_t start_dhcp_client() {
     if (ifconfig(kDataInterface, kWanInterfaceFlags, nullptr, nullptr) != 0) return -1;
-    char *argv[] = {const_cast<char *>("udhcpc"), const_cast<char *>("-i"),
+    char *argv[] = {const_cast<char *>("udhcpc"),       const_cast<char *>("-i"),
                     const_cast<char *>(kDataInterface), const_cast<char *>("-p"),
-                    const_cast<char *>(kPidFile), const_cast<char *>("-s"),
-                    const_cast<char *>("/tmp/udhcpc"), nullptr};
+                    const_cast<char *>(kPidFile),       const_cast<char *>("-s"),
+                    const_cast<char *>("/tmp/udhcpc"),  nullptr};
     int pid = 0;
     if (_eval(argv, nullptr, 0, &pid) != 0) return -1;
     return pid;

@@ -20,12 +20,13 @@ namespace {
 constexpr const char *kSocketPath = "/tmp/cgi-2-sys";
 
 int usage(FILE *to, int status) {
-    std::fputs("usage: failover-lte [--connect-timeout SECONDS]\n"
-               "  Connects and disconnects the LTE modem through ModemManager on request of the\n"
-               "  failover daemon (socket /tmp/cgi-2-sys). The system bus is used unless\n"
-               "  DBUS_SYSTEM_BUS_ADDRESS names another. --connect-timeout (1 to 3600) overrides\n"
-               "  the store key wwan_connect_timeout (default 30).\n",
-               to);
+    std::fputs(
+        "usage: failover-lte [--connect-timeout SECONDS]\n"
+        "  Connects and disconnects the LTE modem through ModemManager on request of the\n"
+        "  failover daemon (socket /tmp/cgi-2-sys). The system bus is used unless\n"
+        "  DBUS_SYSTEM_BUS_ADDRESS names another. --connect-timeout (1 to 3600) overrides\n"
+        "  the store key wwan_connect_timeout (default 30).\n",
+        to);
     return status;
 }
 

@@ -21,11 +21,11 @@ namespace lte {
 namespace {
 
 // Reply codes besides 0 and the socket's 22.
-constexpr int kModemManagerError = EIO;    // ModemManager refused; its reason is the errmsg
-constexpr int kNoModem = ENODEV;           // no usable modem; module_ready_reason is the errmsg
-constexpr int kBadSetting = EINVAL;        // a store key we cannot use
-constexpr int kTimedOut = ETIMEDOUT;       // the connect did not complete in time
-constexpr int kCancelled = ECANCELED;      // a disconnect came first
+constexpr int kModemManagerError = EIO;  // ModemManager refused; its reason is the errmsg
+constexpr int kNoModem = ENODEV;         // no usable modem; module_ready_reason is the errmsg
+constexpr int kBadSetting = EINVAL;      // a store key we cannot use
+constexpr int kTimedOut = ETIMEDOUT;     // the connect did not complete in time
+constexpr int kCancelled = ECANCELED;    // a disconnect came first
 constexpr unsigned kDefaultConnectTimeout = 30;
 constexpr unsigned kBusRetrySeconds = 2;
 
@@ -84,9 +84,9 @@ MMModem *modem() { return g.modem ? mm_object_peek_modem(g.modem) : nullptr; }
 
 ModemView view() {
     ModemView v;
-    gchar *owner = g.mm ? g_dbus_object_manager_client_get_name_owner(
-                              G_DBUS_OBJECT_MANAGER_CLIENT(g.mm))
-                        : nullptr;
+    gchar *owner =
+        g.mm ? g_dbus_object_manager_client_get_name_owner(G_DBUS_OBJECT_MANAGER_CLIENT(g.mm))
+             : nullptr;
     v.mm_running = owner != nullptr;
     g_free(owner);
     MMModem *m = modem();
@@ -119,8 +119,8 @@ void refresh_keys() {
         gboolean recent = FALSE;
         const guint percent = mm_modem_get_signal_quality(m, &recent);
         if (v.state >= MM_MODEM_STATE_ENABLED) quality = std::to_string(percent);
-        gchar *text = mm_modem_access_technology_build_string_from_mask(
-            mm_modem_get_access_technologies(m));
+        gchar *text =
+            mm_modem_access_technology_build_string_from_mask(mm_modem_get_access_technologies(m));
         if (text && std::strcmp(text, "unknown") != 0) tech = text;
         g_free(text);
         if (MMModem3gpp *gpp = mm_object_peek_modem_3gpp(g.modem)) {
@@ -249,8 +249,8 @@ void bring_up(MMBearer *bearer) {
         return;
     }
     g.bearer = bearer;
-    g.bearer_handler = g_signal_connect(bearer, "notify::connected", G_CALLBACK(on_bearer_notify),
-                                        nullptr);
+    g.bearer_handler =
+        g_signal_connect(bearer, "notify::connected", G_CALLBACK(on_bearer_notify), nullptr);
     MMBearerIpConfig *ip4 = mm_bearer_peek_ipv4_config(bearer);
     const MMBearerIpMethod method =
         ip4 ? mm_bearer_ip_config_get_method(ip4) : MM_BEARER_IP_METHOD_UNKNOWN;
@@ -341,7 +341,8 @@ void simple_connect() {
     }
     MMSimpleConnectProperties *props = mm_simple_connect_properties_new();
     // No APN lets the network choose.
-    if (const char *apn = store::get("wwan_apn"); *apn) mm_simple_connect_properties_set_apn(props, apn);
+    if (const char *apn = store::get("wwan_apn"); *apn)
+        mm_simple_connect_properties_set_apn(props, apn);
     if (const char *user = store::get("wwan_username"); *user)
         mm_simple_connect_properties_set_user(props, user);
     if (const char *password = store::get("wwan_password"); *password)
@@ -496,7 +497,8 @@ void unhook_modem() {
 void hook_modem() {
     unhook_modem();
     if (MMModem *m = modem()) {
-        g.modem_handlers.push_back({m, g_signal_connect(m, "notify", G_CALLBACK(on_notify), nullptr)});
+        g.modem_handlers.push_back(
+            {m, g_signal_connect(m, "notify", G_CALLBACK(on_notify), nullptr)});
         g.modem_handlers.push_back(
             {m, g_signal_connect(m, "state-changed", G_CALLBACK(on_state_changed), nullptr)});
     }
@@ -580,8 +582,7 @@ gboolean on_bus_retry(gpointer) {
 void drop_bus() {
     lose_modem();
     if (g.mm) {
-        g_signal_handlers_disconnect_matched(g.mm, G_SIGNAL_MATCH_DATA, 0, 0, nullptr, nullptr,
-                                             &g);
+        g_signal_handlers_disconnect_matched(g.mm, G_SIGNAL_MATCH_DATA, 0, 0, nullptr, nullptr, &g);
         g_clear_object(&g.mm);
     }
     if (g.bus) {

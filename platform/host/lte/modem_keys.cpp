@@ -8,7 +8,8 @@ Readiness readiness(const ModemView &modem) {
     if (!modem.mm_running) return {false, "ModemManager not running"};
     if (!modem.present) return {false, "no modem"};
     if (modem.state == MM_MODEM_STATE_FAILED) {
-        if (modem.failed_reason == MM_MODEM_STATE_FAILED_REASON_SIM_MISSING) return {false, "no SIM"};
+        if (modem.failed_reason == MM_MODEM_STATE_FAILED_REASON_SIM_MISSING)
+            return {false, "no SIM"};
         const char *why = mm_modem_state_failed_reason_get_string(modem.failed_reason);
         return {false, std::string("modem failed: ") + (why ? why : "unknown")};
     }

@@ -52,7 +52,8 @@ std::optional<int> requested_mode(const std::string &text) {
     const cJSON *action = cJSON_GetObjectItemCaseSensitive(root.get(), "action");
     const cJSON *args = cJSON_GetObjectItemCaseSensitive(root.get(), "args");
     const cJSON *mode = cJSON_GetObjectItemCaseSensitive(args, "manual_mode");
-    if (!cJSON_IsString(action) || std::strcmp(action->valuestring, "set_network_connection_mode") != 0)
+    if (!cJSON_IsString(action) ||
+        std::strcmp(action->valuestring, "set_network_connection_mode") != 0)
         return std::nullopt;
     if (!cJSON_IsObject(args) || !cJSON_IsNumber(mode)) return std::nullopt;
     if (mode->valuedouble != 0.0 && mode->valuedouble != 1.0) return std::nullopt;
@@ -67,7 +68,8 @@ std::string reply_text(int err, const std::string &message) {
     cJSON_AddStringToObject(answer, "errmsg", message.c_str());
     std::unique_ptr<char, decltype(&cJSON_free)> printed(cJSON_PrintUnformatted(root.get()),
                                                          cJSON_free);
-    if (!printed) return "{\"set_network_connection_mode\":{\"errno\":12,\"errmsg\":\"out of memory\"}}";
+    if (!printed)
+        return "{\"set_network_connection_mode\":{\"errno\":12,\"errmsg\":\"out of memory\"}}";
     return printed.get();
 }
 
