@@ -52,7 +52,6 @@ struct State {
     MMBearer *bearer = nullptr;
     gulong bearer_handler = 0;
     pid_t helper = -1;  // udhcpc as started, or the static lease handling
-    guint helper_watch = 0;
     guint bus_retry = 0;
 };
 
@@ -174,16 +173,13 @@ void on_helper_exit(GPid pid, gint status, gpointer) {
     if (!g_spawn_check_wait_status(status, nullptr))
         say("child %d ended with status %d", static_cast<int>(pid), status);
     g_spawn_close_pid(pid);
-    if (pid == g.helper) {
-        g.helper = -1;
-        g.helper_watch = 0;
-    }
+    if (pid == g.helper) g.helper = -1;
 }
 
 void watch_helper(pid_t pid) {
-    if (g.helper_watch) g_source_remove(g.helper_watch);
+    // Each watch reaps its child, also one ended by a disconnect meanwhile: no zombies.
     g.helper = pid;
-    g.helper_watch = pid > 0 ? g_child_watch_add(pid, on_helper_exit, nullptr) : 0;
+    if (pid > 0) g_child_watch_add(pid, on_helper_exit, nullptr);
 }
 
 void release_bearer() {
@@ -197,8 +193,6 @@ void release_bearer() {
 // The data path goes; the bearer (if any) is forgotten. Keys follow.
 void tear_down() {
     take_down(g.helper);
-    if (g.helper_watch) g_source_remove(g.helper_watch);
-    g.helper_watch = 0;
     g.helper = -1;
     release_bearer();
 }
