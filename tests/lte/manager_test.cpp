@@ -358,6 +358,13 @@ TEST_F(LteManager, ConnectDisconnect_DhcpAndStaticBearers) {
         EXPECT_FALSE(rm_usb0().up);
         EXPECT_EQ(rm_usb0().address, "none");
     }
+
+    // Stopped while connected: the connection goes with the manager.
+    EXPECT_EQ(exchange(request(1)).bytes, kOk);
+    ASSERT_TRUE(key_is("wwan_runtime_state", "Connected"));
+    EXPECT_EQ(stop(manager_), 0);
+    EXPECT_EQ(key("wwan_runtime_state"), "Disconnected");
+    EXPECT_FALSE(rm_usb0().up);
 }
 
 // Refusals carry the reason: the modem's own state, or ModemManager's error text.
