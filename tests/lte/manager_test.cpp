@@ -453,7 +453,7 @@ TEST_F(LteManager, ConnectNeverCompletes_AnsweredInTimeThenTimesOut) {
     const Answer first = exchange(request(1));
     EXPECT_EQ(first.bytes, kOk);
     EXPECT_GT(first.seconds, 3.5);
-    EXPECT_LT(first.seconds, 4.6);
+    EXPECT_LT(first.seconds, 5.0);  // the daemon gives up on an exchange after 5 s
     EXPECT_EQ(key("wwan_runtime_state"), "Connecting");
     // One connect at a time: another one is told it is under way.
     const Answer again = exchange(request(1));
