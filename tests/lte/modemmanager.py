@@ -337,6 +337,11 @@ class _Modem:
             raise _error('Core.WrongState', 'Cannot set power state: modem must be disabled')
         _set(self, MODEM_IFACE, {'PowerState': _u(state)})
 
+    # Sent by _set_state(); declared for the modem's introspection data.
+    @dbus.service.signal(MODEM_IFACE, signature='iiu')
+    def StateChanged(self, old, new, reason):
+        pass
+
 
 class _Simple:
     @dbus.service.method(SIMPLE_IFACE, in_signature='a{sv}', out_signature='o',
@@ -389,8 +394,12 @@ def _export(obj, iface, methods):
     obj.props.setdefault(iface, _dict())
     for name, fn in vars(methods).items():
         if getattr(fn, '_dbus_is_method', False):
-            obj.methods.setdefault(iface, {})[name] = (
-                fn._dbus_in_signature, fn._dbus_out_signature, '', fn)
+            signature = (fn._dbus_in_signature, fn._dbus_out_signature)
+        elif getattr(fn, '_dbus_is_signal', False):
+            signature = (fn._dbus_signature, '')
+        else:
+            continue
+        obj.methods.setdefault(iface, {})[name] = (*signature, '', fn)
 
 
 def _modem_props(index, sim_path):
