@@ -479,14 +479,28 @@ size_t open_descriptors(pid_t pid) {
     return n;
 }
 
+// Child processes of `pid`, zombies included.
+size_t children_of(pid_t pid) {
+    size_t n = 0;
+    const std::string parent = "PPid:\t" + std::to_string(pid) + "\n";
+    if (DIR *dir = opendir("/tmp/proc")) {
+        while (dirent *e = readdir(dir))
+            if (e->d_name[0] >= '1' && e->d_name[0] <= '9')
+                n += testroot::read_file("/tmp/proc/" + std::string(e->d_name) + "/status")
+                         .find(parent) != std::string::npos;
+        closedir(dir);
+    }
+    return n;
+}
+
 long resident_kib(pid_t pid) {
     const std::string status = testroot::read_file("/tmp/proc/" + std::to_string(pid) + "/status");
     const size_t at = status.find("VmRSS:");
     return at == std::string::npos ? -1 : std::strtol(status.c_str() + at + 6, nullptr, 10);
 }
 
-// 200 connect/disconnect cycles: the manager's descriptors must not grow; its memory is
-// printed (allocators keep some).
+// 200 connect/disconnect cycles: the manager's descriptors must not grow and its children are
+// reaped; its memory is printed (allocators keep some).
 TEST_F(LteManager, Soak200Cycles_NoDescriptorGrowth) {
     mkdir("/tmp/proc", 0755);
     ASSERT_EQ(mount("proc", "/tmp/proc", "proc", 0, nullptr), 0) << std::strerror(errno);
@@ -499,13 +513,19 @@ TEST_F(LteManager, Soak200Cycles_NoDescriptorGrowth) {
         EXPECT_EQ(exchange(request(1)).bytes, kOk);
         EXPECT_EQ(exchange(request(0)).bytes, kOk);
     };
+    // Counted once the DHCP clients are reaped: each holds a descriptor until then.
+    auto settled = [this] {
+        return testroot::wait_for([this] { return children_of(manager_) == 0; });
+    };
     for (int i = 0; i < 10; ++i) cycle();  // caches and the bus settle
+    ASSERT_TRUE(settled());
     const size_t fds_before = open_descriptors(manager_);
     const long rss_before = resident_kib(manager_);
     const auto start = std::chrono::steady_clock::now();
     for (int i = 0; i < 200 && !HasFailure(); ++i) cycle();
     const double took =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    EXPECT_TRUE(settled()) << "children left unreaped";
     const size_t fds_after = open_descriptors(manager_);
     const long rss_after = resident_kib(manager_);
     std::printf(
