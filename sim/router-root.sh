@@ -5,14 +5,17 @@
 #   /bin        busybox and links for all its applets: ping, ps, route, ifconfig, killall,
 #               udhcpc, sh... come first on PATH, as on a router
 #   /usr/bin    the built programs: failover, failover-run, nvram, failover-linkwatch,
-#               failover-sim-lte; /sbin/vesk_service; /usr/sbin/udhcpc is busybox
+#               failover-lte; /sbin/vesk_service; /usr/sbin/udhcpc is busybox
 #   /usr/sbin   dnsmasq, nft and conntrack of this machine (from /host/usr, read-only)
+#   /opt/sim    the modem: the D-Bus system bus launcher, the ModemManager mock and its control
+#   /var/run/dbus   the router's system bus (system_bus_socket, the default address); /run
+#               links to /var/run
 #   /tmp /var/run /var/lib/failover (the configuration store) /dev /etc   the router's own
 #   /proc       the router's PID namespace; /sys its network namespace
 #
 # The kernel has no "/proc/wan_status": failover-linkwatch keeps /var/run/wan_status holding
 # eth0's carrier and the daemon reads it through FAILOVER_WAN_STATUS_FILE.
-# shellcheck shell=bash disable=SC2154  # work, out, build, fast: globals of sim/run
+# shellcheck shell=bash disable=SC2154  # work, out, build, fast, sim_dir, source_dir: globals of sim/run
 
 router_pid=""
 router_root=""
@@ -32,15 +35,19 @@ make_router_root() {
     mount --bind -o ro /usr "$root/host/usr"
     cp "$build/deps/busybox-static/bin/busybox" "$root/bin/busybox"
     chroot "$root" /bin/busybox --install -s /bin
-    for p in failover failover-run nvram failover-linkwatch failover-sim-lte; do
+    for p in failover failover-run nvram failover-linkwatch failover-lte; do
         cp "$build/$p" "$root/usr/bin/$p"
     done
+    cp "$source_dir/tests/lte/private-bus" "$source_dir/tests/lte/modemmanager.py" \
+       "$sim_dir/modem-control" "$root/opt/sim/"
     cp "$build/vesk_service" "$root/sbin/vesk_service"
     ln -sf /bin/busybox "$root/usr/sbin/udhcpc"
     for d in lib lib64 libexec share; do
         [ -d "/usr/$d" ] && ln -s "/host/usr/$d" "$root/usr/$d"
     done
     ln -s usr/lib "$root/lib"
+    # /run and /var/run are one, as on Debian: D-Bus clients look for the system bus in either.
+    ln -s var/run "$root/run"
     [ -d /usr/lib64 ] && ln -s usr/lib64 "$root/lib64"
     for p in dnsmasq nft conntrack; do
         ln -s "/host$(command -v "$p")" "$root/usr/sbin/$p"
@@ -72,7 +79,6 @@ wan_hwaddr_sel=0
 et1macaddr=02:53:49:4d:00:01
 wan_dns_sel=0
 wwan_failover_ping_ip=$TARGET
-module_ready=1
 rip_enable=0
 wla_wds_enable=0
 wlg_wds_enable=0
@@ -109,8 +115,20 @@ wait_router() {
     done
 }
 
-# The router's boot: settings, forwarding, the DNS forwarder, the link watcher, the LTE
-# manager, and the Ethernet WAN started as the router's start-up scripts do before failover.
+# How the modem's next connects end: with a DHCP lease on rm_usb0 after the attach delay, or
+# refused as by a modem without service.
+modem_works() {
+    rtr /host/usr/bin/python3 /opt/sim/modem-control connect-result dhcp \
+        "{\"interface\": \"rm_usb0\", \"delay\": $1}"
+}
+modem_fails() {
+    rtr /host/usr/bin/python3 /opt/sim/modem-control connect-result refuse \
+        '{"error": "org.freedesktop.ModemManager1.Error.MobileEquipment.NoNetwork", "message": "No network"}'
+}
+
+# The router's boot: settings, forwarding, the DNS forwarder, the link watcher, the system bus
+# with ModemManager (the mock) and its modem, the LTE manager, and the Ethernet WAN started as
+# the router's start-up scripts do before failover.
 start_router() {
     local attach=$1 fail=$2
     rtr nvram load /etc/sim-nvram
@@ -119,12 +137,18 @@ start_router() {
     rtr dnsmasq --conf-file=/dev/null --interface=br0 --resolv-file=/tmp/resolv.conf --no-hosts \
         --bogus-priv --user=root --pid-file=/var/run/dnsmasq.pid --log-facility=/var/log/dnsmasq.log
     rtr failover-linkwatch eth0 /var/run/wan_status >"$out/linkwatch.log" 2>&1 &
-    local flag=""
-    [ "$fail" = 1 ] && flag=--fail
-    rtr sh -c 'echo $$ >/var/run/sim-lte.pid; exec failover-sim-lte "$@"' lte \
-        --attach-delay "$attach" $flag 2>&1 | stamp >"$out/lte.log" &
-    wait_router 10 test -S /tmp/cgi-2-sys ||
-        { echo "sim/run: the LTE manager did not start (see $out/lte.log)" >&2; return 1; }
+    # The bus lives as long as the router: its PID namespace ends it.
+    rtr /opt/sim/private-bus /var/run/dbus --parent none >/dev/null ||
+        { echo "sim/run: the router's D-Bus system bus did not start" >&2; return 1; }
+    rtr /host/usr/bin/python3 -m dbusmock --system --template /opt/sim/modemmanager.py \
+        2>&1 | stamp >"$out/modemmanager.log" &
+    rtr /host/usr/bin/python3 /opt/sim/modem-control wait ||
+        { echo "sim/run: ModemManager (the mock) did not start (see $out/modemmanager.log)" >&2; return 1; }
+    if [ "$fail" = 1 ]; then modem_fails; else modem_works "$attach"; fi
+    rtr /host/usr/bin/python3 /opt/sim/modem-control add-modem >/dev/null
+    rtr failover-lte 2>&1 | stamp >"$out/lte.log" &
+    wait_router 10 sh -c 'test -S /tmp/cgi-2-sys && [ "$(nvram get module_ready)" = 1 ]' ||
+        { echo "sim/run: the LTE manager did not start or found no modem (see $out/lte.log)" >&2; return 1; }
     rtr FAILOVER_WAN_STATUS_FILE=/var/run/wan_status failover-run Ether_connection_start \
         >"$out/boot.log" 2>&1
     wait_router 20 sh -c '[ "$(nvram get wan_ipaddr)" != 0.0.0.0 ] && ip route | grep -q "^default.*eth0"' ||
@@ -144,9 +168,6 @@ start_daemon() {
     wait_router 10 test -s /var/run/failover.pid
 }
 
-router_lte_signal() {
-    rtr sh -c 'kill -'"$1"' "$(cat /var/run/sim-lte.pid)"'
-}
 
 # The daemon's two processes as this PID namespace sees them.
 daemon_pids() {

@@ -129,8 +129,8 @@ run_step() {
             ip -n isp link set isp-up up
             ip -n isp route replace default via 198.18.1.2
             ;;
-        lte-fail) router_lte_signal USR1 ;;
-        lte-ok) router_lte_signal USR2 ;;
+        lte-fail) modem_fails ;;
+        lte-ok) modem_works "$(scaled "$attach_delay")" ;;
         *) echo "sim/run: unknown step '$1'" >&2; return 1 ;;
     esac
 }
