@@ -247,7 +247,8 @@ std::string render_screen(const Status &s) {
     std::string modem = s.module_ready == "1" ? "ready"
                         : s.module_ready == "0" ? "not ready (" + or_unknown(s.module_reason) + ")"
                                                 : "unknown";
-    line("LTE modem", modem + "; last error: " + (s.lte_error.empty() ? "none" : s.lte_error));
+    line("LTE modem", modem);
+    line("LTE error", s.lte_error.empty() ? "none" : s.lte_error);
 
     line("Console", s.console + (s.console_note.empty() ? "" : ": " + s.console_note));
     if (s.switches.empty()) {

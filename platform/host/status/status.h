@@ -42,7 +42,7 @@ struct ConsoleScan {
 };
 
 constexpr std::size_t kSwitchesKept = 4;
-constexpr std::size_t kEventLogLinesShown = 2;
+constexpr std::size_t kEventLogLinesShown = 1;
 
 // One console line, with or without a leading "SECONDS[.FRACTION] " time (a time-stamped log,
 // or the journal's short-unix output).
