@@ -117,7 +117,8 @@ TEST_P(StatusProgram, ScreenAndJsonMatchTheirGoldenFiles) {
         args = {"--console", "/tmp/console.log"};
     }
     if (testroot::exists(dir + "events.log"))
-        testroot::write_file("/var/log/failover-events.log", testroot::read_file(dir + "events.log"));
+        testroot::write_file("/var/log/failover-events.log",
+                             testroot::read_file(dir + "events.log"));
     const std::string pid = c.daemon == Daemon::running ? std::to_string(getpid()) : "999999";
     if (c.daemon != Daemon::none) {
         testroot::write_file(kPidFile, pid);

@@ -222,23 +222,28 @@ std::string render_screen(const Status &s) {
     line("Traffic", traffic);
     line("Online", s.online ? "yes" : offline_reason(s));
 
-    line("Ethernet", s.eth_ifname + " " + (s.eth_proto.empty() ? "(wan_proto unset)" : s.eth_proto) +
-                         ", link " + s.eth_link + ", " +
-                         (has_address(s.eth_address)
-                              ? "address " + s.eth_address + ", gateway " + or_unknown(s.eth_gateway)
-                              : "no address"));
+    std::string eth = s.eth_ifname + " " +
+                      (s.eth_proto.empty() ? "(wan_proto unset)" : s.eth_proto) + ", link " +
+                      s.eth_link + ", ";
+    if (has_address(s.eth_address))
+        eth += "address " + s.eth_address + ", gateway " + or_unknown(s.eth_gateway);
+    else
+        eth += "no address";
+    line("Ethernet", eth);
 
     if (!s.test) {
         line("Last test", "none recorded");
     } else {
         const ReachabilityTest &t = *s.test;
-        line("Last test", (t.when.empty() ? "time unknown" : t.when) + " to " + or_unknown(t.address) +
-                              ", loss " + (t.loss < 0 ? "unknown" : std::to_string(t.loss) + "%") +
+        std::string loss = t.loss < 0 ? "unknown" : std::to_string(t.loss) + "%";
+        line("Last test", (t.when.empty() ? "time unknown" : t.when) + " to " +
+                              or_unknown(t.address) + ", loss " + loss +
                               (*t.reached ? ": Internet reached" : ": Internet not reached"));
     }
 
     std::string lte = s.lte_ifname + " " + (s.lte_state.empty() ? "state unknown" : s.lte_state) +
-                      ", " + (has_address(s.lte_address) ? "address " + s.lte_address : "no address");
+                      ", " +
+                      (has_address(s.lte_address) ? "address " + s.lte_address : "no address");
     int signal = percent(s.lte_signal);
     lte += ", signal " + (signal < 0 ? std::string("unknown") : std::to_string(signal) + "%");
     if (!s.lte_tech.empty()) lte += ", " + s.lte_tech;

@@ -175,7 +175,8 @@ std::string store_problem() {
     std::string prefix = "cannot read the configuration store " + path + ": ";
     host::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!fd.valid()) return prefix + std::strerror(errno);
-    // A store holds "key\0value\0" pairs; a file without a single pair is something else.
+    // A store holds "key\0value\0" pairs (none when nothing was set yet); a file with bytes
+    // but not a single pair is something else.
     std::string data;
     char chunk[65536];
     for (;;) {
@@ -185,6 +186,7 @@ std::string store_problem() {
         if (n == 0) break;
         data.append(chunk, static_cast<size_t>(n));
     }
+    if (data.empty()) return "";
     size_t key_end = data.find('\0');
     if (key_end == 0 || key_end == std::string::npos ||
         data.find('\0', key_end + 1) == std::string::npos)
