@@ -11,7 +11,7 @@ ARM_EXCLUDE = $(shell sed -e '/^\#/d' -e '/^[[:space:]]*$$/d' -e 's/[[:space:]].
                           tests/qemu-excluded.txt | paste -sd '|')
 
 .PHONY: test demo sim-bench soak sim-build deps build arm-test arm-build arm-deps
-.PHONY: sanitize-test sanitize-build fuzz vendor-check
+.PHONY: sanitize-test sanitize-build fuzz vendor-check deb deb-check
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
@@ -97,3 +97,14 @@ fuzz:
 	    -DFAILOVER_FUZZ=ON -DFAILOVER_TESTS=OFF
 	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzz_targets
 	tests/fuzz/run $(FUZZ_BUILD) $(FUZZ_RUNS)
+
+# The Debian package of the host build (debian/, docs/DESIGN.md): DEB_BUILD/failover_*.deb.
+DEB_BUILD ?= build-deb
+deb:
+	JOBS=$(JOBS) tools/deb-build $(DEB_BUILD)
+
+# lintian (errors fail, warnings shown), then `apt install` of the package into a throwaway
+# Debian 12 root (debootstrap) where its programs run and `systemd-analyze verify` checks the
+# units. Needs root and the Debian mirror; prints its run time.
+deb-check: deb
+	tools/deb-check $(DEB_BUILD)
