@@ -21,6 +21,7 @@
 #include "services/dns.h"
 #include "services/wan_up.h"
 #include "shared/command.h"
+#include "shared/file.h"
 #include "shared/ifconfig.h"
 #include "wan/ppp_sessions.h"
 #include "shared/store.h"
@@ -90,12 +91,12 @@ void start_tunnel_in_child(const char *routine, const char *ifname, bool l2tp) {
 
 void make_hook_links() {
     make_directory("/tmp/ppp", 0777);
-    symlink("/sbin/vesk_service", "/tmp/ppp/ip-up");
-    symlink("/sbin/vesk_service", "/tmp/ppp/ip-down");
-    symlink("/sbin/vesk_service", "/tmp/udhcpc");
+    make_symlink("/sbin/vesk_service", "/tmp/ppp/ip-up");
+    make_symlink("/sbin/vesk_service", "/tmp/ppp/ip-down");
+    make_symlink("/sbin/vesk_service", "/tmp/udhcpc");
     if (in_japan_region()) {
         make_directory("/tmp/ppp/peers", 0777);
-        symlink("/usr/sbin/pppoecd", "/tmp/pppoecd2");
+        make_symlink("/usr/sbin/pppoecd", "/tmp/pppoecd2");
     }
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "platform/vesk_shared.h"
+#include "shared/file.h"
 #include "shared/generated_file.h"
 #include "shared/settings.h"
 #include "shared/store.h"
@@ -190,8 +191,8 @@ void start_pppoe_session(const char *ifname, int unit) {
         // IPv6 over the same session needs the link always up.
         store::set("pppoe_dod", "0");
         // Relative to the working directory, as the router names them.
-        symlink("/sbin/vesk_service", "tmp/ppp/ipv6-up");
-        symlink("/sbin/vesk_service", "tmp/ppp/ipv6-down");
+        make_symlink("/sbin/vesk_service", "tmp/ppp/ipv6-up");
+        make_symlink("/sbin/vesk_service", "tmp/ppp/ipv6-down");
     }
     const bool japan = in_japan_region();
     int mtu = number("wan_mtu");
