@@ -11,7 +11,7 @@ ARM_EXCLUDE = $(shell sed -e '/^\#/d' -e '/^[[:space:]]*$$/d' -e 's/[[:space:]].
                           tests/qemu-excluded.txt | paste -sd '|')
 
 .PHONY: test demo sim-bench soak sim-build deps build arm-test arm-build arm-deps
-.PHONY: sanitize-test sanitize-build fuzz vendor-check deb deb-check
+.PHONY: sanitize-test sanitize-build fuzz vendor-check deb deb-check mutants
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
@@ -108,3 +108,12 @@ deb:
 # units. Needs root and the Debian mirror; prints its run time.
 deb-check: deb
 	tools/deb-check $(DEB_BUILD)
+
+# Deliberate faults in the program code and which of them the tests catch (tests/README.md):
+# seed 1, 150 mutants, each a rebuild and a test run; `tools/mutants compare` holds two runs
+# against each other. Needs a clean `git status` in the program folders.
+MUT_BUILD ?= build-mutants
+mutants:
+	tools/install-deps $(MUT_BUILD)
+	/usr/bin/python3 tools/mutants run --seed 1 --count 150 --build $(MUT_BUILD) \
+	    --out $(MUT_BUILD)/mutants.tsv --jobs $(JOBS)
