@@ -33,18 +33,16 @@ struct Settings {
     bool is_static;
 };
 
-// The gateway of the parameter file: the user's in static mode, else the server.
-const char *parameter_gateway(const Settings &s) {
-    if (s.is_static && s.gateway[0] != '\0' && std::strcmp(s.gateway.data(), "...") != 0)
-        return s.gateway.data();
-    return s.server.data();
+ppp::TunnelParameters parameters(const Settings &s) {
+    return {s.wan_ifname.data(), s.server.data(), s.user_ip.data(),
+            s.gateway.data(),    s.netmask.data(), s.is_static};
 }
 
 // The server is one host to l2tpd and the parameter file; the interface and addresses one
 // word each; the connection id, user name and password one line each. Refused before any file
 // is written.
 bool values_fit(const Settings &s) {
-    const bool own_gateway = parameter_gateway(s) == s.gateway.data();
+    const bool own_gateway = ppp::parameter_gateway(parameters(s)) == s.gateway.data();
     const bool fit = ppp::values_fit(
         kRoutine, {{"l2tp_serv_ip", s.server.data(), Kind::name},
                    {"wan_ifname", s.wan_ifname.data(), Kind::ifname},
@@ -58,14 +56,7 @@ bool values_fit(const Settings &s) {
 }
 
 bool write_parameters(const Settings &s) {
-    GeneratedFile f("/tmp/ppp/l2tpIp");
-    if (!f) return false;
-    f.printf("%s\n", s.wan_ifname.data());
-    f.printf("l2tp_serv_ip %s\n", s.server.data());
-    f.printf("l2tp_user_ip %s\n", s.is_static ? s.user_ip.data() : "0.0.0.0");
-    f.printf("l2tp_gateway_ip %s\n", parameter_gateway(s));
-    f.printf("l2tp_user_netmask %s\n", s.is_static ? s.netmask.data() : "0.0.0.0");
-    return f.commit() == 0;
+    return ppp::write_tunnel_parameters("/tmp/ppp/l2tpIp", "l2tp_", parameters(s));
 }
 
 bool write_l2tpd_conf(const Settings &s) {

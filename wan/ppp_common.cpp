@@ -213,6 +213,22 @@ void refresh_dns_routes(DnsRouteTable &table, const char *gateway, const char *l
             route_command({"route", "add", "-host", entry, "gw", gateway});
 }
 
+const char *parameter_gateway(const TunnelParameters &p) {
+    if (p.is_static && p.gateway[0] != '\0' && std::strcmp(p.gateway, "...") != 0) return p.gateway;
+    return p.server;
+}
+
+bool write_tunnel_parameters(const char *path, const char *prefix, const TunnelParameters &p) {
+    GeneratedFile f(path);
+    if (!f) return false;
+    f.printf("%s\n", p.wan_ifname);
+    f.printf("%sserv_ip %s\n", prefix, p.server);
+    f.printf("%suser_ip %s\n", prefix, p.is_static ? p.user_ip : "0.0.0.0");
+    f.printf("%sgateway_ip %s\n", prefix, parameter_gateway(p));
+    f.printf("%suser_netmask %s\n", prefix, p.is_static ? p.netmask : "0.0.0.0");
+    return f.commit() == 0;
+}
+
 bool address_carrier(const TunnelCarrier &c, bool is_static) {
     if (!is_static) {
         std::puts("Dynamic IP by DHCP client.");

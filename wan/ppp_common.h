@@ -129,6 +129,24 @@ DhcpStart start_udhcpc(const char *ifname, int unit);
 inline constexpr int kDnsRouteEntries = 50;
 using DnsRouteTable = char[kDnsRouteEntries][VESK_TOKEN_SIZE];
 
+// What the PPTP and L2TP parameter files say of the tunnel.
+struct TunnelParameters {
+    const char *wan_ifname;
+    const char *server;
+    const char *user_ip;
+    const char *gateway;
+    const char *netmask;
+    bool is_static;
+};
+
+// The gateway of the parameter file: the user's in static mode, else the server.
+const char *parameter_gateway(const TunnelParameters &p);
+
+// Writes the parameter file `path`: the interface, then "<prefix>serv_ip", "<prefix>user_ip",
+// "<prefix>gateway_ip" and "<prefix>user_netmask" lines ("0.0.0.0" for the addresses outside
+// static mode). False after a report when it could not be written.
+bool write_tunnel_parameters(const char *path, const char *prefix, const TunnelParameters &p);
+
 struct TunnelCarrier {
     const char *ifname;             // interface addressed (ifconfig, udhcpc -i)
     const char *second_wan_ifname;  // handed to second_wan_up

@@ -30,17 +30,15 @@ struct Settings {
     bool is_static;
 };
 
-// The gateway of the parameter file: the user's in static mode, else the server.
-const char *parameter_gateway(const Settings &s) {
-    if (s.is_static && s.gateway[0] != '\0' && std::strcmp(s.gateway.data(), "...") != 0)
-        return s.gateway.data();
-    return s.server.data();
+ppp::TunnelParameters parameters(const Settings &s) {
+    return {s.wan_ifname.data(), s.server.data(), s.user_ip.data(),
+            s.gateway.data(),    s.netmask.data(), s.is_static};
 }
 
 // pppd hands the pty line to a shell: the server must be one address or host name there. The
 // rest goes into one line each of the parameter file, the options and the secrets.
 bool values_fit(const Settings &s) {
-    const bool own_gateway = parameter_gateway(s) == s.gateway.data();
+    const bool own_gateway = ppp::parameter_gateway(parameters(s)) == s.gateway.data();
     return ppp::values_fit(
         kRoutine,
         {{"pptp_serv_ip", s.server.data(), Kind::name},
@@ -53,14 +51,7 @@ bool values_fit(const Settings &s) {
 }
 
 bool write_parameters(const Settings &s) {
-    GeneratedFile f("/tmp/ppp/pptpIp");
-    if (!f) return false;
-    f.printf("%s\n", s.wan_ifname.data());
-    f.printf("pptp_serv_ip %s\n", s.server.data());
-    f.printf("pptp_user_ip %s\n", s.is_static ? s.user_ip.data() : "0.0.0.0");
-    f.printf("pptp_gateway_ip %s\n", parameter_gateway(s));
-    f.printf("pptp_user_netmask %s\n", s.is_static ? s.netmask.data() : "0.0.0.0");
-    return f.commit() == 0;
+    return ppp::write_tunnel_parameters("/tmp/ppp/pptpIp", "pptp_", parameters(s));
 }
 
 bool write_options(const Settings &s, const char *user, int mtu) {
