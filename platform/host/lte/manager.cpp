@@ -208,6 +208,13 @@ void connect_failed(int err, const std::string &reason) {
     refresh_keys();
 }
 
+// A connect step that ModemManager refused: its own message is the reason.
+void connect_refused(GError *error) {
+    const std::string reason = reason_of(error);
+    g_error_free(error);
+    connect_failed(kModemManagerError, reason);
+}
+
 void on_stray_disconnect(GObject *source, GAsyncResult *result, gpointer) {
     GError *error = nullptr;
     if (!mm_modem_simple_disconnect_finish(MM_MODEM_SIMPLE(source), result, &error)) {
@@ -300,9 +307,7 @@ void on_connected(GObject *source, GAsyncResult *result, gpointer op) {
         return;
     }
     if (!bearer) {
-        const std::string reason = reason_of(error);
-        g_error_free(error);
-        connect_failed(kModemManagerError, reason);
+        connect_refused(error);
         return;
     }
     bring_up(bearer);
@@ -354,9 +359,7 @@ void on_enabled(GObject *source, GAsyncResult *result, gpointer op) {
         return;
     }
     if (!ok) {
-        const std::string reason = reason_of(error);
-        g_error_free(error);
-        connect_failed(kModemManagerError, reason);
+        connect_refused(error);
         return;
     }
     simple_connect();
