@@ -143,6 +143,12 @@ void set_probe_address(const Call &c) {
         std::snprintf(probe_address, sizeof probe_address, "%s", address);
 }
 
+// A 6rd rule as its configuration entry is written: "enable,prefix,ipv4 mask length,relay".
+std::string rule_text(const ipv6rd_rule_t &rule) {
+    return std::to_string(rule.enable) + "," + rule.prefix + "," +
+           std::to_string(rule.ipv4_mask_length) + "," + rule.relay;
+}
+
 struct Routine {
     const char *name;
     // Parameter names separated by blanks; a name starting with "#" is an integer.
@@ -331,6 +337,20 @@ const Routine routines[] = {
          unsigned char mac[6] = {};
          ether_atoe(c.text(1), mac);
          c.result(set_eth_mac(c.text(0), mac));
+     }},
+    {"get_6rd_auto_params", "",
+     [](Call &c) {
+         ipv6rd_rule_t rule{};
+         c.result(get_6rd_auto_params(&rule));
+         c.out(rule_text(rule));
+     }},
+    // Index 0 asks for the number of rules (a null rule); others fill the rule.
+    {"getinst_ipv6rd_rules_shared", "#index",
+     [](Call &c) {
+         ipv6rd_rule_t rule{};
+         int index = static_cast<int>(c.integer(0));
+         c.result(getinst_ipv6rd_rules_shared(index == 0 ? nullptr : &rule, index));
+         c.out(rule_text(rule));
      }},
     {"add_routes", "ifname", [](Call &c) { c.result(add_routes(c.text(0))); }},
     {"iqos_service", "action", [](Call &c) { c.result(iqos_service(c.text(0))); }},
