@@ -244,6 +244,9 @@ void perform(const Step &s, Outcome &last) {
         auto [status, output] = consumer_check(first, second);
         EXPECT_EQ(status == 0, s.verb == "accepted-by") << first << " " << second << ":\n" << output;
         for (const std::string &l : s.block) EXPECT_NE(output.find(l), std::string::npos) << output;
+    } else if (s.verb == "routes") {
+        std::system("/host/usr/bin/ip -4 route show proto static | sed 's/ *$//' >/tmp/routes.out 2>&1");
+        EXPECT_EQ(testroot::read_file("/tmp/routes.out"), joined(s.block));
     } else {
         FAIL() << "unknown step \"" << s.verb << "\"";
     }
