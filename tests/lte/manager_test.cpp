@@ -162,7 +162,7 @@ protected:
         address_ = line;
         if (!address_.empty() && address_.back() == '\n') address_.pop_back();
         ASSERT_EQ(address_.rfind("unix:path=", 0), 0u)
-            << "tests/lte/private-bus gave no address; dbus-daemon (Debian package dbus) missing?";
+            << "sim/modem/private-bus gave no address; dbus-daemon (Debian package dbus) missing?";
         setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);
         GError *error = nullptr;
         bus_ = g_dbus_connection_new_for_address_sync(

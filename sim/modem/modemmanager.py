@@ -1,11 +1,11 @@
-'''ModemManager mock template for the LTE manager's tests and the simulated router
+'''ModemManager mock template for the simulated router and the LTE manager's tests
 
 Serves org.freedesktop.ModemManager1 the way ModemManager's published D-Bus API describes it,
 with the exact property and argument types, so that libmm-glib accepts it: the manager object
 /org/freedesktop/ModemManager1 (Manager interface and ObjectManager, which lists the modems),
 modems (Modem, Modem.Simple, Modem.Modem3gpp), their SIMs and bearers.
 
-    /usr/bin/python3 -m dbusmock --system --template tests/lte/modemmanager.py
+    /usr/bin/python3 -m dbusmock --system --template sim/modem/modemmanager.py
 
 It starts with no modem. The control interface org.freedesktop.ModemManager1.Mock on
 /org/freedesktop/ModemManager1 drives it:
