@@ -95,6 +95,9 @@ protected:
         testroot::script("ping", "4 packets transmitted, 4 packets received, 0% packet loss\n");
     }
 };
+// The same daemon; the suites' names keep apart what tests/qemu-excluded.txt leaves out.
+using PeerFailures = DaemonTest;
+using PppProgram = DaemonTest;
 
 // Start-up, then the monitor's link-down token reaching the controller through the FIFO.
 TEST_F(DaemonTest, StartUp_WritesPidFileKeysAndFifo_ThenLinkLossSwitchesToLte) {
@@ -119,7 +122,7 @@ TEST_F(DaemonTest, StartUp_WritesPidFileKeysAndFifo_ThenLinkLossSwitchesToLte) {
 
 // connect_disconnect against each kind of broken manager: the exchange ends with -1 and a line
 // that says why.
-TEST_F(DaemonTest, LteManagerMisbehaving_ExchangeEndsAndIsReported) {
+TEST_F(PeerFailures, LteManagerMisbehaving_ExchangeEndsAndIsReported) {
     const std::string ok = testroot::LteManager::kOkReply;
     const struct {
         Behaviour behaviour;
@@ -149,7 +152,7 @@ TEST_F(DaemonTest, LteManagerMisbehaving_ExchangeEndsAndIsReported) {
 
 // The controller is held for the time-out of each exchange, then goes on: the monitor's next
 // link-down token restarts LTE, which works once the manager answers again.
-TEST_F(DaemonTest, LteManagerSilent_ControllerReportsAndHandlesNextEvent) {
+TEST_F(PeerFailures, LteManagerSilent_ControllerReportsAndHandlesNextEvent) {
     testroot::LteManager manager;
     manager.set_behaviour(Behaviour::silent);
     testroot::write_file("/proc/wan_status", "Link Down\n");
@@ -172,7 +175,7 @@ TEST_F(DaemonTest, LteManagerSilent_ControllerReportsAndHandlesNextEvent) {
 
 // Junk never starts with an event code, so nothing may be switched; a valid token afterwards
 // is still read and acted on.
-TEST_F(DaemonTest, FifoFlooded_JunkIgnoredAndLaterTokenHandled) {
+TEST_F(PeerFailures, FifoFlooded_JunkIgnoredAndLaterTokenHandled) {
     Daemon daemon;
     ASSERT_TRUE(testroot::wait_for([] { return console_has("Ether port link up"); }));
     std::string junk;
@@ -198,7 +201,7 @@ TEST_F(DaemonTest, FifoFlooded_JunkIgnoredAndLaterTokenHandled) {
 
 // A plain file left where the FIFO belongs would be read again at every turn, its tokens acted
 // on each second.
-TEST_F(DaemonTest, PlainFileInPlaceOfFifo_ReplacedAndNotReplayed) {
+TEST_F(PeerFailures, PlainFileInPlaceOfFifo_ReplacedAndNotReplayed) {
     set("module_ready", "0");
     testroot::write_file("/tmp/f_fifo", "3:");
     Daemon daemon;
@@ -213,7 +216,7 @@ TEST_F(DaemonTest, PlainFileInPlaceOfFifo_ReplacedAndNotReplayed) {
 
 // A PPPoE Ethernet WAN: the switch to Ethernet writes the PPP files, starts pppd on them and
 // holds "pppoe_starting" for the 8 s the session takes to come up.
-TEST_F(DaemonTest, SwitchToEthernetWithPppoe_WritesFilesStartsPppdAndHoldsStartingFlag) {
+TEST_F(PppProgram, SwitchToEthernetWithPppoe_WritesFilesStartsPppdAndHoldsStartingFlag) {
     set("module_ready", "0");
     set("wan_proto", "pppoe");
     set("wan_ifname", "eth0");
