@@ -31,7 +31,7 @@ TEST(LinkWatchProgram, PeerDownAndUp_FlipsTheFileTheLinkProbeReads) {
         _exit(127);
     }
     // Both ends down at the start: no carrier.
-    EXPECT_TRUE(testroot::wait_for([] { return testroot::read_file(kStateFile) == "Link Down\n"; }));
+    EXPECT_TRUE(file_reads("Link Down\n"));
     ASSERT_EQ(std::system("/host/usr/bin/ip link set veth0 up"), 0);
 
     // The router's path stays "/proc/wan_status" (here "Link Up"); the variable redirects it.
