@@ -1,5 +1,4 @@
 // The LTE manager's reply: any text gives 0, -1 or the reply's errno, never a crash.
-
 #include "failover/lte_control.h"
 #include "fuzz_support.h"
 
