@@ -244,6 +244,8 @@ void perform(const Step &s, Outcome &last) {
         auto [status, output] = consumer_check(first, second);
         EXPECT_EQ(status == 0, s.verb == "accepted-by") << first << " " << second << ":\n" << output;
         for (const std::string &l : s.block) EXPECT_NE(output.find(l), std::string::npos) << output;
+    } else if (s.verb == "stderr-lines") {
+        EXPECT_EQ(missing_in_order(s.block, split_lines(last.err)), "") << "stderr:\n" << last.err;
     } else {
         FAIL() << "unknown step \"" << s.verb << "\"";
     }
