@@ -10,7 +10,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -36,77 +35,41 @@ pid_t spawn(Body body) {
 class NvramStore : public testing::Test {
 protected:
     void SetUp() override { testroot::reset(); }
-    void TearDown() override { unsetenv("NVRAM_FILE"); }
 };
 
-TEST_F(NvramStore, GetPointer_StaysValidAndUnchanged_AfterKeySetAgain) {
-    ASSERT_EQ(veskNvramConfig_set("current_ifname", "eth0"), 0);
-    const char *before = veskNvramConfig_get("current_ifname");
-    ASSERT_EQ(veskNvramConfig_set("current_ifname", "rm_usb0"), 0);
-    EXPECT_STREQ(veskNvramConfig_get("current_ifname"), "rm_usb0");
-    EXPECT_STREQ(before, "eth0");
-}
-
-TEST_F(NvramStore, ConcurrentWritersInOtherProcesses_LoseNoKey) {
-    constexpr int kProcesses = 6, kKeys = 40;
-    int gate[2];
-    ASSERT_EQ(pipe(gate), 0);
-    std::vector<pid_t> children;
-    for (int p = 0; p < kProcesses; ++p) {
-        children.push_back(spawn([&] {
-            close(gate[1]);
-            char byte;
-            if (read(gate[0], &byte, 1) < 0) return 2;  // all start when the gate closes
-            for (int k = 0; k < kKeys; ++k) {
-                std::string key = "p" + std::to_string(p) + "_k" + std::to_string(k);
-                if (veskNvramConfig_set(key.c_str(), key.c_str()) != 0) return 1;
-            }
-            return 0;
-        }));
-    }
-    close(gate[0]);
-    close(gate[1]);
-    for (pid_t child : children) EXPECT_EQ(wait_exit(child), 0);
-    std::vector<std::pair<std::string, std::string>> pairs;
-    ASSERT_TRUE(nvram_store_list(pairs));
-    EXPECT_EQ(pairs.size(), size_t{kProcesses * kKeys});
-    for (const auto &[key, value] : pairs) EXPECT_EQ(key, value);
-}
-
-// Long values too: readers in other processes see the one or the other whole.
-TEST_F(NvramStore, ReadersInOtherProcesses_NeverSeeTornValue_WhileWriterAlternates) {
+// Processes writing their own keys and one long value in turn: no key is lost, and readers in
+// other processes see the long value whole, the one or the other.
+TEST_F(NvramStore, ProcessesWritingAtOnce_LoseNoKeyAndReadersNeverSeeATornValue) {
+    constexpr int kWriters = 6, kKeys = 40;
     const std::string a(70000, 'a'), b(50000, 'b');
     ASSERT_EQ(veskNvramConfig_set("big", a.c_str()), 0);
-    pid_t writer = spawn([&] {
-        for (int i = 0; i < 300; ++i)
-            if (veskNvramConfig_set("big", (i % 2 ? a : b).c_str()) != 0) return 1;
-        return veskNvramConfig_set("done", "1") == 0 ? 0 : 1;
-    });
-    std::vector<pid_t> readers;
+    std::vector<pid_t> readers, writers;
     for (int r = 0; r < 2; ++r) {
         readers.push_back(spawn([&] {
-            auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
             while (!veskNvramConfig_match("done", "1")) {
                 const char *v = veskNvramConfig_get("big");
                 if (v != a && v != b) return 1;
-                if (std::chrono::steady_clock::now() > deadline) return 2;
             }
             return 0;
         }));
     }
-    EXPECT_EQ(wait_exit(writer), 0);
-    for (pid_t reader : readers) EXPECT_EQ(wait_exit(reader), 0) << "1: torn value, 2: timed out";
-}
-
-// NVRAM_FILE moves the store (its directories made), and a place that cannot hold it fails.
-TEST_F(NvramStore, NvramFile_MovesTheStore_OrFailsWhereNoFileCanBe) {
-    setenv("NVRAM_FILE", "/tmp/deep/er/nvram", 1);
-    ASSERT_EQ(veskNvramConfig_set("wwan_wan_type", "2"), 0);
-    EXPECT_EQ(testroot::read_file("/tmp/deep/er/nvram"), "wwan_wan_type\0" "2\0"s);
-    setenv("NVRAM_FILE", "/tmp/deep/er/nvram/under_a_file", 1);
-    EXPECT_EQ(veskNvramConfig_set("k", "v"), -1);
-    EXPECT_EQ(veskNvramConfig_save(), -1);
-    EXPECT_STREQ(veskNvramConfig_get("wwan_wan_type"), "");
+    for (int p = 0; p < kWriters; ++p) {
+        writers.push_back(spawn([&] {
+            for (int k = 0; k < kKeys; ++k) {
+                std::string key = "p" + std::to_string(p) + "_k" + std::to_string(k);
+                if (veskNvramConfig_set(key.c_str(), key.c_str()) != 0) return 1;
+                if (veskNvramConfig_set("big", (k % 2 ? a : b).c_str()) != 0) return 1;
+            }
+            return 0;
+        }));
+    }
+    for (pid_t writer : writers) EXPECT_EQ(wait_exit(writer), 0);
+    ASSERT_EQ(veskNvramConfig_set("done", "1"), 0);
+    for (pid_t reader : readers) EXPECT_EQ(wait_exit(reader), 0) << "a torn value";
+    std::vector<std::pair<std::string, std::string>> pairs;
+    ASSERT_TRUE(nvram_store_list(pairs));
+    EXPECT_EQ(pairs.size(), size_t{kWriters * kKeys + 2});
+    for (const auto &[key, value] : pairs) EXPECT_TRUE(key == "big" || key == "done" || key == value) << key;
 }
 
 TEST_F(NvramStore, BrokenStoreFile_KeepsWholePairsAndStaysWritable) {
@@ -132,8 +95,7 @@ TEST_F(NvramStore, Tool_VerbsAndExitCodes) {
         {"load /tmp/bad", 1, ""},  // nothing of a file with a bad line
         {"load /tmp/missing", 1, ""},
         {"show", 0, "last=no newline\nmid=x=y\nwan_proto=dhcp\n"},
-        {"", 2, ""}, {"frobnicate", 2, ""}, {"get", 2, ""}, {"get a b", 2, ""}, {"set novalue", 2, ""},
-        {"set =value", 2, ""}, {"unset", 2, ""}, {"show x", 2, ""}, {"load", 2, ""},
+        {"", 2, ""}, {"frobnicate", 2, ""}, {"get a b", 2, ""}, {"set novalue", 2, ""}, {"set =value", 2, ""},
     };
     for (const auto &step : steps) {
         const std::string command = NVRAM_BINARY " " + step.args + " >/tmp/out 2>/dev/null";
