@@ -206,6 +206,8 @@ void perform(const Step &s, Outcome &last) {
         EXPECT_EQ(last.out, joined(s.block));
     } else if (s.verb == "stderr") {
         EXPECT_EQ(last.err, joined(s.block));
+    } else if (s.verb == "stderr-lines") {
+        EXPECT_EQ(missing_in_order(s.block, split_lines(last.err)), "") << "stderr:\n" << last.err;
     } else if (s.verb == "console") {
         EXPECT_EQ(missing_in_order(s.block, split_lines(testroot::read_file("/dev/console"))), "")
             << "console:\n" << testroot::read_file("/dev/console");
@@ -244,8 +246,6 @@ void perform(const Step &s, Outcome &last) {
         auto [status, output] = consumer_check(first, second);
         EXPECT_EQ(status == 0, s.verb == "accepted-by") << first << " " << second << ":\n" << output;
         for (const std::string &l : s.block) EXPECT_NE(output.find(l), std::string::npos) << output;
-    } else if (s.verb == "stderr-lines") {
-        EXPECT_EQ(missing_in_order(s.block, split_lines(last.err)), "") << "stderr:\n" << last.err;
     } else {
         FAIL() << "unknown step \"" << s.verb << "\"";
     }
