@@ -12,6 +12,7 @@
 //   {"get_ping_result", "", [](Call &c) { c.result(get_ping_result()); }},
 //   {"f_read_write", "path", [](Call &c) { f_read_write(c.text(0), c.buffer(256)); }},
 #include "failover/ether_wan.h"
+#include "failover/failover_conn.h"
 #include "failover/lte_control.h"
 #include "failover/probes.h"
 #include "ipv6/dhcp6s.h"
@@ -244,6 +245,15 @@ const Routine routines[] = {
     {"connect_disconnect", "#mode",
      [](Call &c) { c.result(connect_disconnect(static_cast<int>(c.integer(0)))); }},
     {"lte_connect", "", [](Call &) { lte_connect(); }},
+    {"parse_lte_reply", "reply #mode",
+     [](Call &c) { c.result(parse_lte_reply(c.text(0), static_cast<int>(c.integer(1)))); }},
+    {"handle_failover_batch", "data", [](Call &c) { handle_failover_batch(c.text(0)); }},
+    {"monitor_ticks", "#count",
+     [](Call &c) {
+         MonitorState state;
+         for (long long i = c.integer(0, 0, 1000); i > 0; --i) monitor_tick(state);
+         c.out("tick=" + std::to_string(state.tick) + " lte_wait=" + std::to_string(state.lte_wait));
+     }},
     {"lte_disconnect", "", [](Call &) { lte_disconnect(); }},
     {"wan_up", "ifname", [](Call &c) { wan_up(c.text(0)); }},
     {"start_wan_nat", "#is_ether",

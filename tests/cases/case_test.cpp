@@ -206,6 +206,8 @@ void perform(const Step &s, Outcome &last) {
         EXPECT_EQ(last.out, joined(s.block));
     } else if (s.verb == "stderr") {
         EXPECT_EQ(last.err, joined(s.block));
+    } else if (s.verb == "stderr-lines") {
+        EXPECT_EQ(missing_in_order(s.block, split_lines(last.err)), "") << "stderr:\n" << last.err;
     } else if (s.verb == "console") {
         EXPECT_EQ(missing_in_order(s.block, split_lines(testroot::read_file("/dev/console"))), "")
             << "console:\n" << testroot::read_file("/dev/console");
