@@ -271,20 +271,20 @@ private:
     fs::path file_;
 };
 
-// One test a case file, named FOLDER_NAME, registered before main() lists or runs them.
-const bool registered = [] {
-    std::vector<fs::path> files;
-    for (const auto &entry : fs::recursive_directory_iterator(FAILOVER_CASES_DIR))
-        if (entry.path().extension() == ".case") files.push_back(entry.path());
-    std::sort(files.begin(), files.end());
-    for (const fs::path &file : files) {
+}  // namespace
+
+// case_tests FILE.case...: each file a test, named FOLDER_NAME (CTest runs one file a test).
+int main(int argc, char **argv) {
+    testing::InitGoogleTest(&argc, argv);
+    if (argc < 2) {
+        std::fprintf(stderr, "usage: case_tests FILE.case...\n");
+        return 2;
+    }
+    for (int i = 1; i < argc; ++i) {
+        fs::path file = argv[i];
         std::string name = file.parent_path().filename().string() + "_" + file.stem().string();
-        for (char &c : name)
-            if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
         testing::RegisterTest("Cases", name.c_str(), nullptr, nullptr, file.c_str(), 1,
                               [file]() -> testing::Test * { return new Case(file); });
     }
-    return true;
-}();
-
-}  // namespace
+    return RUN_ALL_TESTS();
+}
