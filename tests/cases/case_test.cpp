@@ -244,6 +244,8 @@ void perform(const Step &s, Outcome &last) {
         auto [status, output] = consumer_check(first, second);
         EXPECT_EQ(status == 0, s.verb == "accepted-by") << first << " " << second << ":\n" << output;
         for (const std::string &l : s.block) EXPECT_NE(output.find(l), std::string::npos) << output;
+    } else if (s.verb == "no-trace") {
+        for (const std::string &l : testroot::trace()) EXPECT_EQ(l.find(s.rest), std::string::npos) << l;
     } else {
         FAIL() << "unknown step \"" << s.verb << "\"";
     }
