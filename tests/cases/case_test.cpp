@@ -240,6 +240,8 @@ void perform(const Step &s, Outcome &last) {
         EXPECT_EQ(testroot::sleeps_us(), want);
     } else if (s.verb == "trace") {
         EXPECT_EQ(missing_in_order(s.block, testroot::trace()), "") << "trace:\n" << joined(testroot::trace());
+    } else if (s.verb == "no-trace") {
+        for (const std::string &l : testroot::trace()) EXPECT_EQ(l.find(s.rest), std::string::npos) << l;
     } else if (s.verb == "node") {
         EXPECT_EQ(file_node(first), s.rest.substr(first.size() + 1)) << first;
     } else if (s.verb == "accepted-by" || s.verb == "rejected-by") {

@@ -1,11 +1,8 @@
-// Checks shared by the PPP session tests.
+// Debian's pppd as the judge of a generated options file.
 #pragma once
 
-#include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <sys/wait.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <utility>
@@ -13,32 +10,6 @@
 #include "tests/support/testroot.h"
 
 namespace ppp_checks {
-
-// The lines every options file carries after "ktune".
-inline constexpr const char *kLinkLines =
-    "default-asyncmap\nnoaccomp\nnopcomp\nnoccp\nnovj\nnobsdcomp\nnodeflate\nlock\nusepeerdns\n";
-
-// "c MAJOR MINOR MODE" for a character device, "" otherwise.
-inline std::string node(const char *path) {
-    struct stat st {};
-    if (lstat(path, &st) != 0 || !S_ISCHR(st.st_mode)) return "";
-    char text[40];
-    std::snprintf(text, sizeof text, "c %u %u %o", major(st.st_rdev), minor(st.st_rdev),
-                  st.st_mode & 07777);
-    return text;
-}
-
-inline unsigned mode(const char *path) {
-    struct stat st {};
-    return stat(path, &st) == 0 ? st.st_mode & 07777 : 0;
-}
-
-// The WAN-up sequence installs the static routes of the interface it was given.
-inline bool wan_up_ran() {
-    for (const std::string &line : testroot::trace())
-        if (line == "{\"fn\":\"add_routes\",\"args\":[\"ppp0\"]}") return true;
-    return false;
-}
 
 // Exit status and output of Debian's pppd reading `options` without dialling; IPv6CP only when
 // the file asks for it with "+ipv6".
