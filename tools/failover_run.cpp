@@ -20,8 +20,10 @@
 #include "ipv6/spiv6.h"
 #include "ipv6/tunnels.h"
 #include "platform/nvram.h"
+#include "services/dhcp_event.h"
 #include "services/dns.h"
 #include "services/openvpn.h"
+#include "services/ppp_event.h"
 #include "services/rip.h"
 #include "services/timesync.h"
 #include "services/wan_up.h"
@@ -165,6 +167,19 @@ const Routine routines[] = {
      [](Call &c) { write_ppp_resolv(static_cast<int>(c.integer(0))); }},
     {"remove_wan_dns", "ifname", [](Call &c) { c.result(remove_wan_dns(c.text(0))); }},
     {"dns_routed_via_wan", "address", [](Call &c) { c.result(dns_routed_via_wan(c.text(0))); }},
+    {"dhcp_client_event", "event interface ip subnet router dns",
+     [](Call &c) {
+         DhcpLease lease{c.text(1), c.text(2), c.text(3), c.text(4), c.text(5)};
+         c.result(dhcp_client_event(c.text(0), lease));
+     }},
+    {"ppp_ip_up", "ifname local remote dns1 dns2",
+     [](Call &c) {
+         c.result(ppp_ip_up({c.text(0), c.text(1), c.text(2), c.text(3), c.text(4)}));
+     }},
+    {"ppp_ip_down", "ifname local remote dns1 dns2",
+     [](Call &c) {
+         c.result(ppp_ip_down({c.text(0), c.text(1), c.text(2), c.text(3), c.text(4)}));
+     }},
     {"start_openvpn", "", [](Call &c) { c.result(start_openvpn()); }},
     {"stop_openvpn", "", [](Call &c) { c.result(stop_openvpn()); }},
     {"get_tun_device_name", "", [](Call &c) { get_tun_device_name(c.buffer(kTunNameSize)); }},
