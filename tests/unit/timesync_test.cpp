@@ -24,7 +24,9 @@ TEST(TimeSync, SyncedInLteMode_RestartsAtMostOncePerDay) {
     struct Case { const char *what; int64_t ago; bool restarts; };
     for (const Case &c : {Case{"an hour ago", 3600, false}, Case{"boundary second", 86400, false},
                           Case{"a day and a second ago", 86401, true},
-                          Case{"clock set back", -600, true}}) {
+                          Case{"clock set back", -600, true},
+                          // The router's 32-bit strtoul gives 4294967295; low 32 bits would be now.
+                          Case{"beyond 32 bits", -(int64_t{1} << 32), true}}) {
         for (int attempt = 0; attempt < 5; ++attempt) {
             testroot::clear_logs();
             auto now = static_cast<uint32_t>(std::time(nullptr));
