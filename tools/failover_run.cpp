@@ -169,16 +169,18 @@ const Routine routines[] = {
     {"dns_routed_via_wan", "address", [](Call &c) { c.result(dns_routed_via_wan(c.text(0))); }},
     {"dhcp_client_event", "event interface ip subnet router dns",
      [](Call &c) {
-         DhcpLease lease{c.text(1), c.text(2), c.text(3), c.text(4), c.text(5)};
-         c.result(dhcp_client_event(c.text(0), lease));
+         auto s = [&c](size_t i) { return std::string(c.text(i) ? c.text(i) : ""); };
+         c.result(dhcp_client_event(s(0), {s(1), s(2), s(3), s(4), s(5)}));
      }},
     {"ppp_ip_up", "ifname local remote dns1 dns2",
      [](Call &c) {
-         c.result(ppp_ip_up({c.text(0), c.text(1), c.text(2), c.text(3), c.text(4)}));
+         auto s = [&c](size_t i) { return std::string(c.text(i) ? c.text(i) : ""); };
+         c.result(ppp_ip_up({s(0), s(1), s(2), s(3), s(4)}));
      }},
     {"ppp_ip_down", "ifname local remote dns1 dns2",
      [](Call &c) {
-         c.result(ppp_ip_down({c.text(0), c.text(1), c.text(2), c.text(3), c.text(4)}));
+         auto s = [&c](size_t i) { return std::string(c.text(i) ? c.text(i) : ""); };
+         c.result(ppp_ip_down({s(0), s(1), s(2), s(3), s(4)}));
      }},
     {"start_openvpn", "", [](Call &c) { c.result(start_openvpn()); }},
     {"stop_openvpn", "", [](Call &c) { c.result(stop_openvpn()); }},
