@@ -38,8 +38,7 @@ make_router_root() {
     for p in failover failover-run nvram failover-linkwatch failover-lte; do
         cp "$build/$p" "$root/usr/bin/$p"
     done
-    cp "$source_dir/tests/lte/private-bus" "$source_dir/tests/lte/modemmanager.py" \
-       "$sim_dir/modem-control" "$root/opt/sim/"
+    cp "$sim_dir"/modem/{private-bus,modemmanager.py,modem-control} "$root/opt/sim/"
     cp "$build/vesk_service" "$root/sbin/vesk_service"
     ln -sf /bin/busybox "$root/usr/sbin/udhcpc"
     for d in lib lib64 libexec share; do

@@ -12,6 +12,7 @@
 //   {"get_ping_result", "", [](Call &c) { c.result(get_ping_result()); }},
 //   {"f_read_write", "path", [](Call &c) { f_read_write(c.text(0), c.buffer(256)); }},
 #include "failover/ether_wan.h"
+#include "failover/failover_conn.h"
 #include "failover/lte_control.h"
 #include "failover/probes.h"
 #include "ipv6/dhcp6s.h"
@@ -19,7 +20,9 @@
 #include "ipv6/radvd.h"
 #include "ipv6/spiv6.h"
 #include "ipv6/tunnels.h"
+#include "platform/nat.h"
 #include "platform/nvram.h"
+#include "platform/vesk_shared.h"
 #include "services/dhcp_event.h"
 #include "services/dns.h"
 #include "services/openvpn.h"
@@ -31,6 +34,8 @@
 #include "shared/system_util.h"
 #include "wan/ppp_common.h"
 #include "wan/ppp_sessions.h"
+
+#include <arpa/inet.h>
 
 #include <algorithm>
 #include <cctype>
@@ -139,6 +144,12 @@ private:
 void set_probe_address(const Call &c) {
     if (const char *address = c.text(0))
         std::snprintf(probe_address, sizeof probe_address, "%s", address);
+}
+
+// A 6rd rule as its configuration entry is written: "enable,prefix,ipv4 mask length,relay".
+std::string rule_text(const ipv6rd_rule_t &rule) {
+    return std::to_string(rule.enable) + "," + rule.prefix + "," +
+           std::to_string(rule.ipv4_mask_length) + "," + rule.relay;
 }
 
 struct Routine {
@@ -251,6 +262,15 @@ const Routine routines[] = {
     {"connect_disconnect", "#mode",
      [](Call &c) { c.result(connect_disconnect(static_cast<int>(c.integer(0)))); }},
     {"lte_connect", "", [](Call &) { lte_connect(); }},
+    {"parse_lte_reply", "reply #mode",
+     [](Call &c) { c.result(parse_lte_reply(c.text(0), static_cast<int>(c.integer(1)))); }},
+    {"handle_failover_batch", "data", [](Call &c) { handle_failover_batch(c.text(0)); }},
+    {"monitor_ticks", "#count",
+     [](Call &c) {
+         MonitorState state;
+         for (long long i = c.integer(0, 0, 1000); i > 0; --i) monitor_tick(state);
+         c.out("tick=" + std::to_string(state.tick) + " lte_wait=" + std::to_string(state.lte_wait));
+     }},
     {"lte_disconnect", "", [](Call &) { lte_disconnect(); }},
     {"wan_up", "ifname", [](Call &c) { wan_up(c.text(0)); }},
     {"start_wan_nat", "#is_ether",
@@ -291,6 +311,82 @@ const Routine routines[] = {
          c.result(make_6rd_prefix(out, c.text(0), static_cast<int>(c.integer(1)),
                                   static_cast<uint32_t>(c.integer(2, 0, UINT32_MAX))));
      }},
+    {"agApi_feature_set", "#mask",
+     [](Call &c) { c.result(agApi_feature_set(static_cast<unsigned>(c.integer(0, 0, UINT_MAX)))); }},
+    {"agApi_natHook", "ifname", [](Call &c) { c.result(agApi_natHook(c.text(0))); }},
+    {"agApi_natUnhook", "ifname", [](Call &c) { c.result(agApi_natUnhook(c.text(0))); }},
+    {"agApi_natLanHook", "ifname", [](Call &c) { c.result(agApi_natLanHook(c.text(0))); }},
+    {"agApi_natPptpWanHook", "ifname", [](Call &c) { c.result(agApi_natPptpWanHook(c.text(0))); }},
+    {"agApi_natProbeHook", "ifname", [](Call &c) { c.result(agApi_natProbeHook(c.text(0))); }},
+    {"agApi_natWanIfCnt", "",
+     [](Call &c) {
+         int count = -1;
+         c.result(agApi_natWanIfCnt(&count));
+         c.out(std::to_string(count));
+     }},
+    {"agApi_natSetRegion", "region", [](Call &c) { c.result(agApi_natSetRegion(c.text(0))); }},
+    {"agApi_fwDMZRuleSet", "#index #enable host",
+     [](Call &c) {
+         c.result(agApi_fwDMZRuleSet(static_cast<int>(c.integer(0)), static_cast<int>(c.integer(1)),
+                                     inet_addr(c.text(2))));
+     }},
+    {"agApi_natSetInboundFilter", "#on",
+     [](Call &c) { c.result(agApi_natSetInboundFilter(static_cast<int>(c.integer(0)))); }},
+    {"agApi_natEnable", "", [](Call &c) { c.result(agApi_natEnable()); }},
+    {"agApi_setDeviceListenPort", "#service #port #enable",
+     [](Call &c) {
+         c.result(agApi_setDeviceListenPort(static_cast<int>(c.integer(0)),
+                                            static_cast<int>(c.integer(1)),
+                                            static_cast<int>(c.integer(2))));
+     }},
+    {"agApi_fwEchoRespSet", "#on",
+     [](Call &c) { c.result(agApi_fwEchoRespSet(static_cast<int>(c.integer(0)))); }},
+    {"veskNat_DoConnRecovery", "",
+     [](Call &c) { c.result(veskNat_DoConnRecovery()); }},
+    // argv0 to argv2 with NULL ending the vector early, as in "_eval sh -c 'exit 3' NULL 0".
+    {"_eval", "argv0 argv1 argv2 path #timeout",
+     [](Call &c) {
+         char *argv[] = {const_cast<char *>(c.text(0)), const_cast<char *>(c.text(1)),
+                         const_cast<char *>(c.text(2)), nullptr};
+         c.result(_eval(argv, c.text(3), static_cast<int>(c.integer(4)), nullptr));
+     }},
+    {"isValidIpAddr", "text", [](Call &c) { c.result(isValidIpAddr(c.text(0))); }},
+    {"mac_addr_to_interface_id", "mac",
+     [](Call &c) { c.result(mac_addr_to_interface_id(c.text(0), c.buffer(VESK_IPV6_TEXT_SIZE))); }},
+    {"create_ipv6_addr", "prefix #prefix_len ifid",
+     [](Call &c) {
+         c.result(create_ipv6_addr(c.text(0), static_cast<int>(c.integer(1)), c.text(2),
+                                   c.buffer(VESK_IPV6_TEXT_SIZE)));
+     }},
+    // The MAC as text; one ether_atoe cannot parse stays all zeros.
+    {"set_eth_mac", "ifname mac",
+     [](Call &c) {
+         unsigned char mac[6] = {};
+         ether_atoe(c.text(1), mac);
+         c.result(set_eth_mac(c.text(0), mac));
+     }},
+    {"get_6rd_auto_params", "",
+     [](Call &c) {
+         ipv6rd_rule_t rule{};
+         c.result(get_6rd_auto_params(&rule));
+         c.out(rule_text(rule));
+     }},
+    // Index 0 asks for the number of rules (a null rule); others fill the rule.
+    {"getinst_ipv6rd_rules_shared", "#index",
+     [](Call &c) {
+         ipv6rd_rule_t rule{};
+         int index = static_cast<int>(c.integer(0));
+         c.result(getinst_ipv6rd_rules_shared(index == 0 ? nullptr : &rule, index));
+         c.out(rule_text(rule));
+     }},
+    {"add_routes", "ifname", [](Call &c) { c.result(add_routes(c.text(0))); }},
+    {"iqos_service", "action", [](Call &c) { c.result(iqos_service(c.text(0))); }},
+    {"openvpn_make_config_file", "",
+     [](Call &c) { c.result(openvpn_make_config_file()); }},
+    {"openvpn_set_lan_ip", "", [](Call &c) { c.result(openvpn_set_lan_ip()); }},
+    {"abDisableLanEthernetPort", "",
+     [](Call &c) { c.result(abDisableLanEthernetPort()); }},
+    {"abEnableLanEthernetPort", "", [](Call &c) { c.result(abEnableLanEthernetPort()); }},
 };
 
 std::vector<Param> split_params(const char *params) {

@@ -206,6 +206,8 @@ void perform(const Step &s, Outcome &last) {
         EXPECT_EQ(last.out, joined(s.block));
     } else if (s.verb == "stderr") {
         EXPECT_EQ(last.err, joined(s.block));
+    } else if (s.verb == "stderr-lines") {
+        EXPECT_EQ(missing_in_order(s.block, split_lines(last.err)), "") << "stderr:\n" << last.err;
     } else if (s.verb == "console") {
         EXPECT_EQ(missing_in_order(s.block, split_lines(testroot::read_file("/dev/console"))), "")
             << "console:\n" << testroot::read_file("/dev/console");
@@ -244,6 +246,9 @@ void perform(const Step &s, Outcome &last) {
         auto [status, output] = consumer_check(first, second);
         EXPECT_EQ(status == 0, s.verb == "accepted-by") << first << " " << second << ":\n" << output;
         for (const std::string &l : s.block) EXPECT_NE(output.find(l), std::string::npos) << output;
+    } else if (s.verb == "routes") {
+        std::system("/host/usr/bin/ip -4 route show proto static | sed 's/ *$//' >/tmp/routes.out 2>&1");
+        EXPECT_EQ(testroot::read_file("/tmp/routes.out"), joined(s.block));
     } else {
         FAIL() << "unknown step \"" << s.verb << "\"";
     }
@@ -266,20 +271,20 @@ private:
     fs::path file_;
 };
 
-// One test a case file, named FOLDER_NAME, registered before main() lists or runs them.
-const bool registered = [] {
-    std::vector<fs::path> files;
-    for (const auto &entry : fs::recursive_directory_iterator(FAILOVER_CASES_DIR))
-        if (entry.path().extension() == ".case") files.push_back(entry.path());
-    std::sort(files.begin(), files.end());
-    for (const fs::path &file : files) {
+}  // namespace
+
+// case_tests FILE.case...: each file a test, named FOLDER_NAME (CTest runs one file a test).
+int main(int argc, char **argv) {
+    testing::InitGoogleTest(&argc, argv);
+    if (argc < 2) {
+        std::fprintf(stderr, "usage: case_tests FILE.case...\n");
+        return 2;
+    }
+    for (int i = 1; i < argc; ++i) {
+        fs::path file = argv[i];
         std::string name = file.parent_path().filename().string() + "_" + file.stem().string();
-        for (char &c : name)
-            if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
         testing::RegisterTest("Cases", name.c_str(), nullptr, nullptr, file.c_str(), 1,
                               [file]() -> testing::Test * { return new Case(file); });
     }
-    return true;
-}();
-
-}  // namespace
+    return RUN_ALL_TESTS();
+}

@@ -1,11 +1,10 @@
 // The DNS-list walker: tokens hold no blank, are cut to fit, and the walk only moves forward.
-#include <cstring>
 
 #include "fuzz_support.h"
 #include "services/dns.h"
 
-int fuzz::one(const uint8_t *data, size_t size) {
-    std::string list(fuzz::text(data, size));
+int fuzz::one(std::string_view input) {
+    std::string list(input);
     const char *end = list.c_str() + std::strlen(list.c_str());
     const char *pos = list.c_str();
     char token[kDnsTokenSize];
@@ -13,8 +12,7 @@ int fuzz::one(const uint8_t *data, size_t size) {
         const char *before = pos;
         bool more = next_dns_token(pos, token);
         fuzz::check(pos >= before && pos <= end, "walk left the list");
-        size_t length = strnlen(token, sizeof token);
-        fuzz::check(length < sizeof token, "token not terminated");
+        fuzz::check(strnlen(token, sizeof token) < sizeof token, "token not terminated");
         fuzz::check(std::strchr(token, ' ') == nullptr, "blank inside a token");
         if (!more) break;
         fuzz::check(pos > before, "walk did not move");

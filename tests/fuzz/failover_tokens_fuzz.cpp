@@ -1,11 +1,10 @@
 // The controller's FIFO token reader: any read batch splits into non-empty tokens free of ":".
-#include <string>
 
 #include "failover/failover_conn.h"
 #include "fuzz_support.h"
 
-int fuzz::one(const uint8_t *data, size_t size) {
-    std::string batch(fuzz::text(data, size));  // the reader terminates what it read
+int fuzz::one(std::string_view input) {
+    std::string batch(input);  // the reader terminates what it read
     std::string_view terminated(batch.c_str());
     size_t kept = 0;
     for (std::string_view token : split_failover_tokens(batch)) {

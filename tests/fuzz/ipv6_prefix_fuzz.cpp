@@ -2,16 +2,13 @@
 // address with no bit set beyond the length, and is its own prefix.
 #include <arpa/inet.h>
 
-#include <cstdlib>
-#include <cstring>
-
 #include "fuzz_support.h"
 #include "ipv6/ipv6_wan.h"
 
-int fuzz::one(const uint8_t *data, size_t size) {
-    std::vector<std::string> in = fuzz::parts(fuzz::text(data, size), 2);
+int fuzz::one(std::string_view input) {
+    std::vector<std::string> in = fuzz::parts(input, 2);
     long parsed = std::strtol(in[1].c_str(), nullptr, 10);
-    int length = parsed < -1000 ? -1000 : parsed > 1000 ? 1000 : static_cast<int>(parsed);
+    int length = static_cast<int>(std::clamp(parsed, -1000L, 1000L));
 
     char out[kIpv6PrefixSize];
     std::memset(out, 'x', sizeof out);

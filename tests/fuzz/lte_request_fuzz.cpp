@@ -2,14 +2,11 @@
 // mode is only ever 0 or 1; any reason survives the reply's escaping.
 #include <cjson/cJSON.h>
 
-#include <cstring>
-#include <string>
-
 #include "fuzz_support.h"
 #include "platform/host/lte/protocol.h"
 
-int fuzz::one(const uint8_t *data, size_t size) {
-    const std::string text(fuzz::text(data, size));
+int fuzz::one(std::string_view input) {
+    const std::string text(input);
     lte::request_complete(text);
     const auto mode = lte::requested_mode(text);
     if (mode) {
@@ -20,7 +17,7 @@ int fuzz::one(const uint8_t *data, size_t size) {
 
     // The reply carries the reason up to its first NUL, unchanged.
     const std::string reason = text.substr(0, text.find('\0'));
-    const std::string reply = lte::reply_text(static_cast<int>(size), reason);
+    const std::string reply = lte::reply_text(static_cast<int>(input.size()), reason);
     cJSON *root = cJSON_Parse(reply.c_str());
     const cJSON *answer = cJSON_GetObjectItemCaseSensitive(root, "set_network_connection_mode");
     const cJSON *errmsg = cJSON_GetObjectItemCaseSensitive(answer, "errmsg");

@@ -2,8 +2,8 @@
 #include "failover/probes.h"
 #include "fuzz_support.h"
 
-int fuzz::one(const uint8_t *data, size_t size) {
-    for (const std::string &line : fuzz::lines(fuzz::text(data, size))) {
+int fuzz::one(std::string_view input) {
+    for (const std::string &line : fuzz::lines(input)) {
         int transmitted = -7, received = -7, loss = 100;
         if (parse_ping_summary(line.c_str(), transmitted, received, loss)) {
             fuzz::check(loss >= 0 && loss <= 100, "loss outside 0..100");

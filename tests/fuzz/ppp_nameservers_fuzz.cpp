@@ -4,12 +4,12 @@
 #include "fuzz_support.h"
 #include "services/dns.h"
 
-int fuzz::one(const uint8_t *data, size_t size) {
-    if (size < 1) return 0;
-    size_t line_size = 2 + data[0];
-    std::vector<std::string> in = fuzz::parts(fuzz::text(data + 1, size - 1), 2);
+int fuzz::one(std::string_view input) {
+    if (input.empty()) return 0;
+    size_t line_size = 2 + static_cast<uint8_t>(input[0]);
+    std::vector<std::string> in = fuzz::parts(input.substr(1), 2);
     std::string merged = in[1];
     add_missing_nameservers(merged, in[0].c_str(), line_size);
-    fuzz::check(merged.compare(0, in[1].size(), in[1]) == 0, "the file's old content changed");
+    fuzz::check(merged.starts_with(in[1]), "the file's old content changed");
     return 0;
 }

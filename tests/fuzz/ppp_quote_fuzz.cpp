@@ -1,26 +1,22 @@
 // The quoting of PPP user names and passwords for pppd's double-quoted strings: every "$",
 // back-quote, double quote and backslash gets a backslash, the rest is copied, the result fits
 // twice the length.
-#include <algorithm>
 #include <array>
-#include <cstring>
 
 #include "fuzz_support.h"
 #include "wan/ppp_common.h"
 
-int fuzz::one(const uint8_t *data, size_t size) {
-    std::string src = std::string(fuzz::text(data, size)).c_str();
+int fuzz::one(std::string_view input) {
+    std::string src = std::string(input).c_str();
     std::vector<char> dst(2 * src.size() + 1, 'x');
     ppp::quote_into(src.c_str(), dst.data());
     fuzz::check(std::memchr(dst.data(), '\0', dst.size()) != nullptr, "not terminated");
 
     std::string unquoted;
+    const char *special = "$`\"\\";
     for (const char *p = dst.data(); *p; ++p) {
-        bool special = *p == '$' || *p == '`' || *p == '"' || *p == '\\';
-        if (special) {
-            ++p;
-            fuzz::check(*p == '$' || *p == '`' || *p == '"' || *p == '\\', "lone backslash");
-        }
+        if (std::strchr(special, *p))
+            fuzz::check(*++p && std::strchr(special, *p), "lone backslash");
         unquoted += *p;
     }
     fuzz::check(unquoted == src, "quoted text reads back differently");

@@ -1,11 +1,10 @@
 // Process-list lines: the first part of the input is the name looked up, the rest the listing.
-#include <cstring>
 
 #include "fuzz_support.h"
 #include "shared/system_util.h"
 
-int fuzz::one(const uint8_t *data, size_t size) {
-    std::vector<std::string> in = fuzz::parts(fuzz::text(data, size), 2);
+int fuzz::one(std::string_view input) {
+    std::vector<std::string> in = fuzz::parts(input, 2);
     const char *name = in[0].c_str();
     for (const std::string &line : fuzz::lines(in[1])) {
         int pid = -1;

@@ -1,13 +1,11 @@
 // The merge of a DNS list into the resolver file: the first part is the list, the rest the
 // file as it was. With the session-2 file, every token of the list lands there.
-#include <cstring>
-
 #include "fuzz_support.h"
 #include "services/dns.h"
 #include "shared/values.h"
 
-int fuzz::one(const uint8_t *data, size_t size) {
-    std::vector<std::string> in = fuzz::parts(fuzz::text(data, size), 2);
+int fuzz::one(std::string_view input) {
+    std::vector<std::string> in = fuzz::parts(input, 2);
     std::string merged = in[1];
     std::string session2;
     merge_dns_servers(merged, in[0].c_str(), &session2);

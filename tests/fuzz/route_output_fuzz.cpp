@@ -2,8 +2,8 @@
 #include "failover/probes.h"
 #include "fuzz_support.h"
 
-int fuzz::one(const uint8_t *data, size_t size) {
-    std::vector<std::string> in = fuzz::parts(fuzz::text(data, size), 2);
+int fuzz::one(std::string_view input) {
+    std::vector<std::string> in = fuzz::parts(input, 2);
     for (const std::string &line : fuzz::lines(in[1]))
         if (route_line_names(line.c_str(), in[0].c_str())) break;
     return 0;

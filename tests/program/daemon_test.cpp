@@ -1,50 +1,110 @@
 // The failover daemon as a whole: the built binary started in the test root, with the sleep
 // shim speeding its one-second ticks up a hundredfold and a stand-in LTE connection manager.
+// Its peers misbehave here too: a manager that is silent, late, garbled or hangs up, and a FIFO
+// flooded with junk or replaced by a plain file. Each failure is reported and the daemon goes on.
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <cstdlib>
 #include <string>
+#include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "failover/lte_control.h"
 #include "platform/nvram.h"
-#include "tests/program/daemon_process.h"
 #include "tests/support/lte_manager.h"
 #include "tests/support/testroot.h"
 
 namespace {
 
-constexpr const char *kPingOk = "4 packets transmitted, 4 packets received, 0% packet loss\n";
-constexpr const char *kPingLost = "4 packets transmitted, 0 packets received, 100% packet loss\n";
-constexpr const char *kConnect =
-    "{\"action\":\"set_network_connection_mode\",\"args\":{\"manual_mode\":1} }";
+using Behaviour = testroot::LteManager::Behaviour;
+using std::chrono::milliseconds;
+using testing::ContainsRegex;
+
+constexpr const char *kConsole = "/tmp/failover.console";
+constexpr const char *kNoReply = "f_read_write: no reply from /tmp/cgi-2-sys within 5 s\n";
 constexpr const char *kDisconnect =
     "{\"action\":\"set_network_connection_mode\",\"args\":{\"manual_mode\":0} }";
+constexpr const char *kConnect =
+    "{\"action\":\"set_network_connection_mode\",\"args\":{\"manual_mode\":1} }";
 
+void set(const char *key, const char *value) { veskNvramConfig_set(key, value); }
 std::string get(const char *key) { return veskNvramConfig_get(key); }
+std::string console() { return testroot::read_file(kConsole); }
+bool console_has(const std::string &text) { return console().find(text) != std::string::npos; }
 
-using Daemon = testroot::DaemonProcess;
+int count_of(const std::string &text, const std::string &part) {
+    int n = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+    return n;
+}
 
-class DaemonTest : public ::testing::Test {
+// Writes `text` into the controller's FIFO when it has a reader.
+bool offer(const std::string &text) {
+    int fd = open("/tmp/f_fifo", O_WRONLY | O_NONBLOCK);
+    if (fd < 0) return false;
+    bool written = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    close(fd);
+    return written;
+}
+
+// The daemon with its console in kConsole, each sleep cut to 1/100; its processes are killed
+// at the end. controller() is the pid from "/var/run/failover.pid", 0 when it did not start.
+class Daemon {
+public:
+    Daemon() {
+        pid_t pid = fork();
+        if (pid == 0) {
+            int fd = open(kConsole, O_WRONLY | O_CREAT | O_APPEND, 0644);
+            dup2(fd, 1);
+            dup2(fd, 2);
+            setenv("SLEEP_SHIM_DIVISOR", "100", 1);
+            execl(FAILOVER_BINARY, "failover", static_cast<char *>(nullptr));
+            _exit(127);
+        }
+        waitpid(pid, nullptr, 0);  // daemon() lets the starting process exit at once
+        testroot::wait_for([this] {
+            controller_ = std::atoi(testroot::read_file("/var/run/failover.pid").c_str());
+            return controller_ > 0;
+        });
+    }
+    // daemon() made the controller a session leader; the monitor is in its group.
+    ~Daemon() { if (controller_ > 0) kill(-controller_, SIGKILL); }
+    pid_t controller() const { return controller_; }
+
+private:
+    pid_t controller_ = 0;
+};
+
+class DaemonTest : public testing::Test {
 protected:
     void SetUp() override {
         testroot::reset();
-        veskNvramConfig_set("wwan_wan_type", "2");
-        veskNvramConfig_set("module_ready", "1");
-        veskNvramConfig_set("wan_proto", "dhcp");
-        veskNvramConfig_set("wwan_failover_ping_ip", "198.51.100.7");
-        testroot::script("ping", kPingOk);
+        signal(SIGPIPE, SIG_IGN);  // a write into the FIFO the controller just closed
+        set("wwan_wan_type", "2");
+        set("module_ready", "1");
+        set("wan_proto", "dhcp");
+        set("wwan_failover_ping_ip", "198.51.100.7");
+        testroot::script("ping", "4 packets transmitted, 4 packets received, 0% packet loss\n");
     }
-    static std::string console() { return Daemon::console(); }
-    static bool console_has(const std::string &line) { return Daemon::console_has(line); }
 };
 
-TEST_F(DaemonTest, StartUp_WritesPidFileKeysAndFifo) {
+// The same daemon; the suites' names keep apart what tests/qemu-excluded.txt leaves out.
+using PeerFailures = DaemonTest;
+using PppProgram = DaemonTest;
+
+// Start-up, then the monitor's link-down token reaching the controller through the FIFO.
+TEST_F(DaemonTest, StartUp_WritesPidFileKeysAndFifo_ThenLinkLossSwitchesToLte) {
+    testroot::LteManager manager;
     Daemon daemon;
     ASSERT_GT(daemon.controller(), 0);
-    EXPECT_EQ(testroot::read_file("/var/run/failover.pid"), std::to_string(daemon.controller()));
     EXPECT_EQ(get("current_ifname"), "eth0");
     EXPECT_EQ(get("lte_start"), "0");
     EXPECT_EQ(get("json_debug"), "1");
@@ -56,108 +116,137 @@ TEST_F(DaemonTest, StartUp_WritesPidFileKeysAndFifo) {
         return console_has("XXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXParent process 1682...\n") &&
                console_has("XXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXChild process 1425...\n");
     }));
-}
 
-TEST_F(DaemonTest, LinkLostOnEthernet_SwitchesToLteAndConnects) {
-    testroot::LteManager manager;
     testroot::write_file("/proc/wan_status", "Link Down\n");
-    Daemon daemon;
-    ASSERT_TRUE(testroot::wait_for([&] { return manager.requests().size() >= 2; }));
-    EXPECT_EQ(manager.requests()[0], kDisconnect);
-    EXPECT_EQ(manager.requests()[1], kConnect);
+    ASSERT_TRUE(testroot::wait_for([&] { return manager.requests().size() >= 2; })) << console();
+    EXPECT_THAT(manager.requests(), testing::ElementsAre(kDisconnect, kConnect));
     EXPECT_EQ(get("current_ifname"), "rm_usb0");
-    EXPECT_TRUE(console_has("@@@@@@@@@@@@@@@@@@Ether port link down@@@@@@@@@@@@@@@@@@@@@@@@@\n"));
-    EXPECT_TRUE(console_has(
-        "********** Ethernet WAN link down && current WAN is Ethernet WAN **********\n"));
 }
 
-TEST_F(DaemonTest, LteConnectNeverReported_TimesOutAndSwitchesBackWithLink) {
+// connect_disconnect against each kind of manager: the exchange ends, with -1 unless the answer
+// comes in time, and a line says how.
+TEST_F(PeerFailures, LteManagerMisbehaving_ExchangeEndsAndIsReported) {
+    const std::string ok = testroot::LteManager::kOkReply;
+    const struct {
+        Behaviour behaviour;
+        milliseconds delay;
+        std::string reply;
+        int result;
+        const char *line;  // a regular expression
+    } peers[] = {
+        {Behaviour::silent, {}, ok, -1, kNoReply},
+        {Behaviour::answers, milliseconds(1500), ok, 0, "connect ok\n"},
+        {Behaviour::answers, milliseconds(7000), ok, -1, kNoReply},
+        {Behaviour::answers, {}, "\x01\xff{{not json", -1, "connect_disconnect: .*JSON"},
+        {Behaviour::answers, {}, std::string(5000, '{'), -1,
+         "f_read_write: reply from /tmp/cgi-2-sys longer than 1023 bytes"},
+        {Behaviour::closes_at_once, {}, ok, -1, "(f_read_write|connect_disconnect): "},
+    };
     testroot::LteManager manager;
-    Daemon daemon;
-    // After the first tick's test, so that the next test is 90 ticks away.
-    ASSERT_TRUE(testroot::wait_for([] { return console_has("Ether Internet up"); }));
-    veskNvramConfig_set("lte_start", "1");  // a connect that the manager never completes
-    veskNvramConfig_set("current_ifname", "rm_usb0");
-    ASSERT_TRUE(testroot::wait_for([] {
-        return console_has("********** current WAN is LTE WAN && n seconds probing LTE "
-                           "connection failed **********\n");
-    })) << console();
-    EXPECT_TRUE(testroot::wait_for([] { return get("current_ifname") == "eth0"; }));
-    EXPECT_EQ(get("lte_start"), "0");
-    EXPECT_TRUE(testroot::wait_for([&] { return !manager.requests().empty(); }));
-    EXPECT_EQ(manager.requests()[0], kDisconnect);
+    for (const auto &peer : peers) {
+        manager.set_behaviour(peer.behaviour, peer.delay);
+        manager.set_reply(peer.reply);
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(connect_disconnect(1), peer.result) << peer.line;
+        EXPECT_THAT(testing::internal::GetCapturedStdout(), ContainsRegex(peer.line));
+    }
+    EXPECT_EQ(manager.connections(), static_cast<int>(std::size(peers)));
 }
 
-TEST_F(DaemonTest, InternetLostOnEthernet_Writes8AndSwitchesToLte) {
+// The controller is held for the time-out of each exchange, then goes on: the monitor's next
+// link-down token restarts LTE, which works once the manager answers again.
+TEST_F(PeerFailures, LteManagerSilent_ControllerReportsAndHandlesNextEvent) {
     testroot::LteManager manager;
-    testroot::script("ping", kPingLost);
-    Daemon daemon;
-    ASSERT_TRUE(testroot::wait_for([] {
-        return console_has(
-            "********** Ethernet WAN Internet is down && current WAN is Ethernet WAN **********\n");
-    }));
-    EXPECT_TRUE(testroot::wait_for([] { return get("current_ifname") == "rm_usb0"; }));
-    EXPECT_EQ(get("ether_wan_ready"), "0");
-}
-
-TEST_F(DaemonTest, FailoverInactive_NoTokenEverWritten) {
-    veskNvramConfig_set("wwan_wan_type", "0");
+    manager.set_behaviour(Behaviour::silent);
     testroot::write_file("/proc/wan_status", "Link Down\n");
     Daemon daemon;
-    ASSERT_TRUE(testroot::wait_for([] { return testroot::sleeps_us().size() >= 40; }));
-    int fd = open("/tmp/f_fifo", O_RDONLY | O_NONBLOCK);
-    ASSERT_GE(fd, 0);
-    ASSERT_TRUE(testroot::wait_for([] { return testroot::sleeps_us().size() >= 80; }));
-    char buf[16];
-    EXPECT_LE(read(fd, buf, sizeof buf), 0);
-    close(fd);
-    EXPECT_FALSE(console_has("Ether port link"));
+    // Both exchanges of the switch to LTE time out; the connect is the second.
+    ASSERT_TRUE(testroot::wait_for(
+        [] { return console_has(std::string(kNoReply) + "connect apply fail! ret=-1\n"); },
+        std::chrono::seconds(30)))
+        << console();
+    EXPECT_TRUE(console_has("disconnect apply fail! ret=-1\n"));
+    EXPECT_EQ(get("current_ifname"), "rm_usb0");
+
+    manager.set_behaviour(Behaviour::answers);
+    ASSERT_TRUE(testroot::wait_for([] { return console_has("connect apply OK!\n"); },
+                                   std::chrono::seconds(30)))
+        << console();
+    EXPECT_TRUE(console_has(
+        "********** Ethernet WAN link down && current WAN is LTE WAN **********\n"));
+}
+
+// Junk never starts with an event code, so nothing may be switched; a valid token afterwards
+// is still read and acted on.
+TEST_F(PeerFailures, FifoFlooded_JunkIgnoredAndLaterTokenHandled) {
+    Daemon daemon;
+    ASSERT_TRUE(testroot::wait_for([] { return console_has("Ether port link up"); }));
+    std::string junk;
+    const std::string pieces[] = {"b", "::::", "zz:", "0x", "#!", "\x01\x7f\xfe", "b:c:", " "};
+    for (size_t i = 0; junk.size() < 4096; ++i) junk += pieces[(i * 7) % std::size(pieces)];
+    const std::string read_line = "@@@@@@@@@@@@@@@ read token = ";
+    ASSERT_TRUE(testroot::wait_for([&] {
+        offer(junk);
+        return count_of(console(), read_line) >= 20;
+    }));
+    const char *line = "********** Ethernet WAN link up && current WAN is Ethernet WAN **********\n";
+    ASSERT_TRUE(testroot::wait_for([&] { return offer("1:") && console_has(line); })) << console();
+
+    EXPECT_EQ(count_of(console(), "**********"), 2 * count_of(console(), line))
+        << "no line but the valid token's";
+    EXPECT_EQ(kill(daemon.controller(), 0), 0);
+    // The monitor keeps its ticks: the link is sampled again after the flood.
+    const int samples = count_of(console(), "Ether port link up");
+    EXPECT_TRUE(testroot::wait_for(
+        [&] { return count_of(console(), "Ether port link up") > samples; }));
     EXPECT_EQ(get("current_ifname"), "eth0");
 }
 
-// The whole cycle on a DHCP Ethernet WAN: the cable goes, LTE takes over, the cable returns,
-// the probe over Ethernet answers and the daemon switches back.
-TEST_F(DaemonTest, CablePulledAndReturned_DhcpWanSwitchesToLteAndBack) {
-    veskNvramConfig_set("wan_ifname", "eth0");
-    testroot::script("ps", "  123 root      1500 S    udhcpc -i eth0 -p /var/run/udhcpc0.pid "
-                           "-s /tmp/udhcpc\n");
-    testroot::script("route", "198.51.100.7    0.0.0.0         255.255.255.255 UH    0      0 "
-                              "       0 eth0\n");
-    // The manager brings LTE up at once, so only the probe over Ethernet can switch back.
-    testroot::LteManager manager(testroot::LteManager::kOkReply, [](const std::string &request) {
-        if (request.find("\"manual_mode\":1") != std::string::npos)
-            veskNvramConfig_set("wwan_runtime_state", "Connected");
-    });
-    testroot::write_file("/proc/wan_status", "Link Down\n");
+// A plain file left where the FIFO belongs would be read again at every turn, its tokens acted
+// on each second.
+TEST_F(PeerFailures, PlainFileInPlaceOfFifo_ReplacedAndNotReplayed) {
+    set("module_ready", "0");
+    testroot::write_file("/tmp/f_fifo", "3:");
     Daemon daemon;
+    ASSERT_TRUE(testroot::wait_for([] { return testroot::sleeps_us().size() >= 30; }));
+    struct stat st{};
+    ASSERT_EQ(stat("/tmp/f_fifo", &st), 0);
+    EXPECT_TRUE(S_ISFIFO(st.st_mode));
+    EXPECT_TRUE(console_has("failover: /tmp/f_fifo is no FIFO, made again\n"));
+    EXPECT_FALSE(console_has("Ethernet WAN link down"));
+    EXPECT_EQ(get("current_ifname"), "eth0");
+}
 
-    ASSERT_TRUE(testroot::wait_for([&] { return manager.requests().size() >= 2; })) << console();
-    EXPECT_EQ(get("current_ifname"), "rm_usb0");
-    auto commands = testroot::shell_commands();
-    auto at = [&](const std::string &cmd) {
-        return std::find(commands.begin(), commands.end(), cmd) - commands.begin();
-    };
-    // The Ethernet client is ended by the kill sequence, then every udhcpc.
-    EXPECT_LT(at("kill -SIGUSR2 123"), at("kill -9 123"));
-    EXPECT_LT(at("kill -9 123"), at("rm -f /var/run/udhcpc0.pid"));
-    EXPECT_LT(at("rm -f /var/run/udhcpc0.pid"), at("killall udhcpc"));
-    EXPECT_LT(at("killall udhcpc"), static_cast<long>(commands.size()));
+// A PPPoE Ethernet WAN: the switch to Ethernet writes the PPP files, starts pppd on them and
+// holds "pppoe_starting" for the 8 s the session takes to come up.
+TEST_F(PppProgram, SwitchToEthernetWithPppoe_WritesFilesStartsPppdAndHoldsStartingFlag) {
+    set("module_ready", "0");
+    set("wan_proto", "pppoe");
+    set("wan_ifname", "eth0");
+    set("wan_mtu", "1500");
+    set("pppoe_username", "home");
+    set("pppoe_passwd", "secret");
+    set("pppoe_dod", "0");
+    set("pppoe_localip", "0.0.0.0");
+    mkdir("/tmp/ppp", 0777);  // the router's start-up makes it
+    Daemon daemon;
+    ASSERT_TRUE(testroot::wait_for([] { return offer("7:"); }));
 
-    testroot::clear_logs();
-    testroot::write_file("/proc/wan_status", "Link Up\n");
-    ASSERT_TRUE(testroot::wait_for([] { return get("current_ifname") == "eth0"; })) << console();
-    EXPECT_TRUE(console_has(
-        "********** Ethernet WAN Internet is up && current WAN is LTE WAN **********\n"));
-    EXPECT_EQ(get("lte_start"), "0");
-    // udhcpc ran for the probe and again for the real start.
-    const std::vector<std::string> udhcpc = {"udhcpc", "-i", "eth0", "-p",
-                                             "/var/run/udhcpc0.pid", "-s", "/tmp/udhcpc"};
-    ASSERT_TRUE(testroot::wait_for([&] { return testroot::calls_of("udhcpc").size() >= 2; }));
-    for (const auto &call : testroot::calls_of("udhcpc")) EXPECT_EQ(call, udhcpc);
-    commands = testroot::shell_commands();
-    EXPECT_LT(at("ip route add 198.51.100.7 via 0.0.0.0 src 0.0.0.0"),
-              at("ping -c 4 198.51.100.7"));
-    EXPECT_LT(at("ping -c 4 198.51.100.7"), at("ip route delete 198.51.100.7 via 0.0.0.0"));
+    ASSERT_TRUE(testroot::wait_for([] { return !testroot::calls_of("pppd").empty(); }))
+        << console();
+    EXPECT_THAT(testroot::calls_of("pppd"),
+                testing::ElementsAre(testing::ElementsAre("pppd", "file", "/tmp/ppp/options")));
+    EXPECT_THAT(testroot::read_file("/tmp/ppp/options"),
+                testing::StartsWith("defaultroute\npty 'pppoecd -I eth0'\nnoauth\n"
+                                    "user \"home\"\nmtu 1492\nmru 1492\n"));
+    EXPECT_EQ(testroot::read_file("/tmp/ppp/pap-secrets"), "\"home\" * \"secret\" *\n");
+    EXPECT_TRUE(testroot::wait_for([] {
+        auto sleeps = testroot::sleeps_us();
+        return std::count(sleeps.begin(), sleeps.end(), 8000000ul) == 1 &&
+               get("pppoe_starting") == "0";
+    }));
+    EXPECT_TRUE(console_has("pppd executed successfully. (0)\n"));
+    EXPECT_EQ(get("current_ifname"), "eth0");
 }
 
 }  // namespace

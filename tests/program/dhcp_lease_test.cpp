@@ -2,14 +2,10 @@
 // from a network namespace of its own, busybox udhcpc runs on the other end as the Ethernet WAN
 // "eth0" with the built vesk_service as its event script, reached the way the Ethernet WAN
 // start links it: /tmp/udhcpc -> /sbin/vesk_service.
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <cstdio>
+#include <cstdlib>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -21,45 +17,15 @@ namespace {
 
 std::string get(const char *key) { return veskNvramConfig_get(key); }
 
-// Starts a program; it dies with the test's PID namespace at the latest.
-pid_t spawn(std::vector<std::string> args) {
-    pid_t pid = fork();
-    if (pid != 0) return pid;
-    std::vector<char *> argv;
-    for (std::string &a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    execv(argv[0], argv.data());
-    _exit(127);
-}
-
-// Exit status of a program run to its end, -1 when it is still running after 30 s.
-int run(std::vector<std::string> args) {
-    pid_t pid = spawn(std::move(args));
-    int status = 0;
-    if (!testroot::wait_for([&] { return waitpid(pid, &status, WNOHANG) == pid; },
-                            std::chrono::seconds(30)))
-        return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-std::string output_of(const char *command) {
-    std::string out;
-    if (FILE *p = popen(command, "r")) {
-        char buffer[256];
-        while (fgets(buffer, sizeof buffer, p)) out += buffer;
-        pclose(p);
-    }
-    return out;
-}
-
 constexpr const char *kServerConfig =
     "start 10.9.0.100\nend 10.9.0.110\ninterface veth1\n"
     "lease_file /tmp/udhcpd.leases\npidfile /tmp/udhcpd.pid\n"
     "option subnet 255.255.255.0\noption router 10.9.0.1\noption dns 10.9.0.53 10.9.0.54\n";
 
 // In a network namespace of its own: waits for veth1 to be moved in, addresses it and serves.
+// It dies with the test's PID namespace at the latest.
 constexpr const char *kServerScript =
-    ": >/tmp/server.netns\n"
+    "echo $$ >/tmp/server.pid.new && mv /tmp/server.pid.new /tmp/server.pid\n"
     "until /bin/busybox ip link show veth1 >/dev/null 2>&1; do /bin/busybox usleep 10000; done\n"
     "/bin/busybox ip link set lo up\n"
     "/bin/busybox ip addr add 10.9.0.1/24 dev veth1\n"
@@ -78,17 +44,16 @@ TEST(DhcpLeaseProgram, LeaseOnEthernetWan_GivesKeysDefaultRouteAndResolver) {
     ASSERT_EQ(symlink(VESK_SERVICE_BINARY, "/sbin/vesk_service"), 0);
     ASSERT_EQ(symlink("/sbin/vesk_service", "/tmp/udhcpc"), 0);
     ASSERT_EQ(unlink("/testbin/route"), 0);
-    ASSERT_EQ(run({"/host/usr/bin/ip", "link", "set", "veth0", "name", "eth0"}), 0);
+    ASSERT_EQ(std::system("/host/usr/bin/ip link set veth0 name eth0"), 0);
 
-    pid_t server =
-        spawn({"/bin/busybox", "unshare", "-n", "/bin/busybox", "sh", "-c", kServerScript});
-    ASSERT_TRUE(testroot::wait_for([] { return testroot::exists("/tmp/server.netns"); }));
-    ASSERT_EQ(run({"/host/usr/bin/ip", "link", "set", "veth1", "netns", std::to_string(server)}),
-              0);
+    testroot::write_file("/tmp/server.sh", kServerScript);
+    ASSERT_EQ(std::system("/bin/busybox unshare -n /bin/busybox sh /tmp/server.sh &"), 0);
+    ASSERT_TRUE(testroot::wait_for([] { return testroot::exists("/tmp/server.pid"); }));
+    ASSERT_EQ(std::system("/host/usr/bin/ip link set veth1 netns $(cat /tmp/server.pid)"), 0);
 
     // -q: leave once bound; -n: fail rather than wait for ever.
-    EXPECT_EQ(run({"/bin/busybox", "udhcpc", "-i", "eth0", "-p", "/var/run/udhcpc0.pid", "-s",
-                   "/tmp/udhcpc", "-f", "-q", "-n", "-t", "10", "-T", "1"}),
+    EXPECT_EQ(std::system("/bin/busybox udhcpc -i eth0 -p /var/run/udhcpc0.pid -s /tmp/udhcpc "
+                          "-f -q -n -t 10 -T 1"),
               0);
 
     const std::string address = get("wan_ipaddr");
@@ -97,10 +62,12 @@ TEST(DhcpLeaseProgram, LeaseOnEthernetWan_GivesKeysDefaultRouteAndResolver) {
               "255.255.255.0 10.9.0.1 10.9.0.53 10.9.0.54");
     EXPECT_EQ(testroot::read_file("/tmp/resolv.conf"),
               "nameserver 10.9.0.53\nnameserver 10.9.0.54\noptions single-request\n");
-    EXPECT_THAT(output_of("/bin/busybox ip -4 addr show dev eth0"),
-                testing::HasSubstr("inet " + address + "/24"));
-    EXPECT_THAT(output_of("/bin/busybox ip route show default"),
-                testing::HasSubstr("default via 10.9.0.1 dev eth0"));
+    ASSERT_EQ(std::system("/bin/busybox ip -4 addr show dev eth0 >/tmp/ip.out && "
+                          "/bin/busybox ip route show default >>/tmp/ip.out"),
+              0);
+    const std::string kernel = testroot::read_file("/tmp/ip.out");
+    EXPECT_THAT(kernel, testing::HasSubstr("inet " + address + "/24"));
+    EXPECT_THAT(kernel, testing::HasSubstr("default via 10.9.0.1 dev eth0"));
 }
 
 }  // namespace

@@ -1,11 +1,12 @@
-'''ModemManager mock template for the LTE manager's tests and the simulated router
+'''ModemManager mock template for the simulated router and the LTE manager's tests
 
-Serves org.freedesktop.ModemManager1 the way ModemManager's published D-Bus API describes it,
-with the exact property and argument types, so that libmm-glib accepts it: the manager object
-/org/freedesktop/ModemManager1 (Manager interface and ObjectManager, which lists the modems),
-modems (Modem, Modem.Simple, Modem.Modem3gpp), their SIMs and bearers.
+Serves the part of org.freedesktop.ModemManager1 that failover-lte uses, the way ModemManager's
+published D-Bus API describes it, with the exact property and argument types, so that libmm-glib
+accepts it: the manager object /org/freedesktop/ModemManager1 (Manager interface and
+ObjectManager, which lists the modems), modems (Modem.Enable, Modem.Simple's Connect and
+Disconnect, Modem.Modem3gpp), their SIMs and bearers (properties only).
 
-    /usr/bin/python3 -m dbusmock --system --template tests/lte/modemmanager.py
+    /usr/bin/python3 -m dbusmock --system --template sim/modem/modemmanager.py
 
 It starts with no modem. The control interface org.freedesktop.ModemManager1.Mock on
 /org/freedesktop/ModemManager1 drives it:
@@ -193,14 +194,6 @@ def _bearer_down(bearer):
     })
 
 
-def _modem_of(bearer_path):
-    for path in list(mockobject.objects):
-        obj = mockobject.objects[path]
-        if path.startswith(MODEM_PREFIX) and bearer_path in obj.props[MODEM_IFACE]['Bearers']:
-            return obj
-    return None
-
-
 def _bearer_properties(properties):
     '''The settings a bearer keeps: those of a connect, without the SIM PIN.'''
     return _dict({k: v for k, v in properties.items() if k not in ('pin', 'operator-id')})
@@ -225,8 +218,6 @@ def _create_bearer(modem, properties):
         'ProfileId': dbus.Int32(-1),
         'Properties': _bearer_properties(properties),
     }), [])
-    bearer = mockobject.objects[path]
-    _export(bearer, BEARER_IFACE, _Bearer)
     bearers = list(modem.props[MODEM_IFACE]['Bearers']) + [path]
     _set(modem, MODEM_IFACE, {'Bearers': _paths(bearers)})
     return path
@@ -313,30 +304,6 @@ class _Modem:
             _disconnect(self, '/')
             _disable(self)
 
-    @dbus.service.method(MODEM_IFACE, in_signature='', out_signature='ao')
-    def ListBearers(self):
-        return _paths(self.props[MODEM_IFACE]['Bearers'])
-
-    @dbus.service.method(MODEM_IFACE, in_signature='a{sv}', out_signature='o')
-    def CreateBearer(self, properties):
-        return dbus.ObjectPath(_create_bearer(self, properties))
-
-    @dbus.service.method(MODEM_IFACE, in_signature='o', out_signature='')
-    def DeleteBearer(self, bearer):
-        bearers = list(self.props[MODEM_IFACE]['Bearers'])
-        if bearer not in bearers:
-            raise _error('Core.NotFound', f'No bearer found with path {bearer}')
-        _disconnect(self, bearer)
-        bearers.remove(bearer)
-        _set(self, MODEM_IFACE, {'Bearers': _paths(bearers)})
-        mockobject.objects[MAIN_OBJ].RemoveObject(bearer)
-
-    @dbus.service.method(MODEM_IFACE, in_signature='u', out_signature='')
-    def SetPowerState(self, state):
-        if state != POWER_ON and _state(self) > DISABLED:
-            raise _error('Core.WrongState', 'Cannot set power state: modem must be disabled')
-        _set(self, MODEM_IFACE, {'PowerState': _u(state)})
-
     # Sent by _set_state(); declared for the modem's introspection data.
     @dbus.service.signal(MODEM_IFACE, signature='iiu')
     def StateChanged(self, old, new, reason):
@@ -354,39 +321,6 @@ class _Simple:
         if bearer != '/' and bearer not in self.props[MODEM_IFACE]['Bearers']:
             raise _error('Core.NotFound', f'No bearer found with path {bearer}')
         _disconnect(self, bearer)
-
-    @dbus.service.method(SIMPLE_IFACE, in_signature='', out_signature='a{sv}')
-    def GetStatus(self):
-        state = _state(self)
-        status = {'state': _u(state & 0xffffffff)}
-        if state >= REGISTERED:
-            modem, gpp = self.props[MODEM_IFACE], self.props[GPP_IFACE]
-            status.update({
-                'signal-quality': modem['SignalQuality'],
-                'current-bands': dbus.Array([], signature='u'),
-                'access-technologies': modem['AccessTechnologies'],
-                'm3gpp-registration-state': gpp['RegistrationState'],
-                'm3gpp-operator-code': gpp['OperatorCode'],
-                'm3gpp-operator-name': gpp['OperatorName'],
-            })
-        return _dict(status)
-
-
-class _Bearer:
-    @dbus.service.method(BEARER_IFACE, in_signature='', out_signature='',
-                         async_callbacks=('reply_cb', 'error_cb'))
-    def Connect(self, reply_cb, error_cb):
-        modem = _modem_of(self.path)
-        if modem is None:
-            raise _error('Core.WrongState', 'bearer not attached to a modem')
-        _connect(modem, self.props[BEARER_IFACE]['Properties'],
-                 lambda _path: reply_cb(), error_cb)
-
-    @dbus.service.method(BEARER_IFACE, in_signature='', out_signature='')
-    def Disconnect(self):
-        modem = _modem_of(self.path)
-        if modem is not None:
-            _disconnect(modem, self.path)
 
 
 def _export(obj, iface, methods):
@@ -492,12 +426,6 @@ def load(mock, parameters):
     mock.mm_next = {'Modem': 0, 'Bearer': 0, 'SIM': 0}
     mock.mm_result = ('dhcp', {})
     mock.AddProperties(MAIN_IFACE, _dict({'Version': dbus.String('1.20.4')}))
-    mock.AddMethods(MAIN_IFACE, [
-        ('ScanDevices', '', '', ''),
-        ('SetLogging', 's', '', ''),
-        ('ReportKernelEvent', 'a{sv}', '', ''),
-        ('InhibitDevice', 'sb', '', ''),
-    ])
     mock.AddMethod(mockobject.OBJECT_MANAGER_IFACE, 'GetManagedObjects', '', 'a{oa{sa{sv}}}',
                    _managed_objects)
     mock.object_manager = mock
