@@ -23,6 +23,7 @@
 #include "platform/nat.h"
 #include "platform/nvram.h"
 #include "platform/vesk_shared.h"
+#include "services/dhcp_event.h"
 #include "services/dns.h"
 #include "services/openvpn.h"
 #include "services/ppp_event.h"
@@ -177,6 +178,21 @@ const Routine routines[] = {
      [](Call &c) { write_ppp_resolv(static_cast<int>(c.integer(0))); }},
     {"remove_wan_dns", "ifname", [](Call &c) { c.result(remove_wan_dns(c.text(0))); }},
     {"dns_routed_via_wan", "address", [](Call &c) { c.result(dns_routed_via_wan(c.text(0))); }},
+    {"dhcp_client_event", "event interface ip subnet router dns",
+     [](Call &c) {
+         auto s = [&c](size_t i) { return std::string(c.text(i) ? c.text(i) : ""); };
+         c.result(dhcp_client_event(s(0), {s(1), s(2), s(3), s(4), s(5)}));
+     }},
+    {"ppp_ip_up", "ifname local remote dns1 dns2",
+     [](Call &c) {
+         auto s = [&c](size_t i) { return std::string(c.text(i) ? c.text(i) : ""); };
+         c.result(ppp_ip_up({s(0), s(1), s(2), s(3), s(4)}));
+     }},
+    {"ppp_ip_down", "ifname local remote dns1 dns2",
+     [](Call &c) {
+         auto s = [&c](size_t i) { return std::string(c.text(i) ? c.text(i) : ""); };
+         c.result(ppp_ip_down({s(0), s(1), s(2), s(3), s(4)}));
+     }},
     {"start_openvpn", "", [](Call &c) { c.result(start_openvpn()); }},
     {"stop_openvpn", "", [](Call &c) { c.result(stop_openvpn()); }},
     {"get_tun_device_name", "", [](Call &c) { get_tun_device_name(c.buffer(kTunNameSize)); }},
