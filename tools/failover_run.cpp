@@ -273,8 +273,6 @@ const Routine routines[] = {
      }},
     {"lte_disconnect", "", [](Call &) { lte_disconnect(); }},
     {"wan_up", "ifname", [](Call &c) { wan_up(c.text(0)); }},
-    {"ppp_ip_up", "ifname local remote dns1 dns2",
-     [](Call &c) { c.result(ppp_ip_up({c.text(0), c.text(1), c.text(2), c.text(3), c.text(4)})); }},
     {"start_wan_nat", "#is_ether",
      [](Call &c) { c.result(start_wan_nat(static_cast<int>(c.integer(0)))); }},
     {"mp_start_nat", "ifname", [](Call &c) { c.result(mp_start_nat(c.text(0))); }},
