@@ -1,5 +1,6 @@
 // The DHCP client's event script on a real interface (the root's veth pair): the lease's address
-// goes on and comes off. Keys, commands and refusals are in tests/cases/service_events.
+// goes on and comes off. Keys, commands and refusals are in tests/cases/service_events, a real
+// lease's keys and routes in the program test DhcpLeaseProgram.
 #include <arpa/inet.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
@@ -9,7 +10,6 @@
 #include <cstring>
 #include <string>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "platform/nvram.h"
@@ -31,24 +31,16 @@ std::string address_of(const char *ifname) {
     return inet_ntoa(sin.sin_addr);
 }
 
-TEST(ServiceEvents, BoundThenDeconfig_OnEthernet_RecordsLeaseRunsWanUpThenClears) {
+// The lease's address goes on the interface and, when the lease is given up, comes off it.
+TEST(ServiceEvents, BoundThenDeconfig_PutsTheAddressOnThenTakesItOff) {
     testroot::reset();
     veskNvramConfig_set("wan_ifname", "veth0");
     veskNvramConfig_set("wan_proto", "dhcp");
-    testroot::write_file("/tmp/resolv.conf", "");
-    const DhcpLease lease{"veth0", "10.1.0.5", "255.255.255.0", "10.1.0.1 10.1.0.2",
-                          " 10.1.0.53  8.8.8.8 "};
+    const DhcpLease lease{"veth0", "10.1.0.5", "255.255.255.0", "10.1.0.1", "10.1.0.53"};
     ASSERT_EQ(dhcp_client_event("bound", lease), 0);
     EXPECT_EQ(address_of("veth0"), "10.1.0.5");
-    for (auto [key, value] : {std::pair{"wan_ipaddr", "10.1.0.5"}, {"wan_netmask", "255.255.255.0"},
-                              {"wan_gateway", "10.1.0.1"}, {"wan_dns", "10.1.0.53 8.8.8.8"}})
-        EXPECT_STREQ(veskNvramConfig_get(key), value) << key;
-    EXPECT_THAT(testroot::shell_commands(), testing::Contains("route add default gw 10.1.0.1"));
-
     ASSERT_EQ(dhcp_client_event("deconfig", lease), 0);
     EXPECT_EQ(address_of("veth0"), "");
-    for (const char *key : {"wan_ipaddr", "wan_netmask", "wan_gateway", "wan_dns"})
-        EXPECT_STREQ(veskNvramConfig_get(key), "0.0.0.0") << key;
 }
 
 }  // namespace
