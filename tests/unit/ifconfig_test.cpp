@@ -1,4 +1,8 @@
-// The interface primitive on the test root's real veth pair, read back through the kernel.
+// The interface primitive on the test root's real veth pair, read back through the kernel, and
+// the DHCP client's event script putting a lease's address on and taking it off again (its keys,
+// commands and refusals are in tests/cases/service_events, a real lease's in DhcpLeaseProgram).
+#include "platform/nvram.h"
+#include "services/dhcp_event.h"
 #include "shared/ifconfig.h"
 #include "tests/support/testroot.h"
 
@@ -83,6 +87,17 @@ TEST(Ifconfig, LongName_IsCutByTheKernelLimit) {
     const std::string long_name = "wan012345678901" + std::string(200, 'x');
     EXPECT_EQ(ifconfig(long_name.c_str(), kWanInterfaceFlags, "10.9.8.7", "255.255.255.0"), 0);
     EXPECT_EQ(address("wan012345678901"), "10.9.8.7");
+}
+
+TEST(ServiceEvents, BoundThenDeconfig_PutsTheAddressOnThenTakesItOff) {
+    testroot::reset();
+    veskNvramConfig_set("wan_ifname", "veth0");
+    veskNvramConfig_set("wan_proto", "dhcp");
+    const DhcpLease lease{"veth0", "10.1.0.5", "255.255.255.0", "10.1.0.1", "10.1.0.53"};
+    ASSERT_EQ(dhcp_client_event("bound", lease), 0);
+    EXPECT_EQ(address("veth0"), "10.1.0.5");
+    ASSERT_EQ(dhcp_client_event("deconfig", lease), 0);
+    EXPECT_EQ(address("veth0"), "");
 }
 
 }  // namespace
