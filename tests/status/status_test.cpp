@@ -11,7 +11,6 @@
 #include <functional>
 #include <sstream>
 #include <string>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -19,7 +18,6 @@
 #include <gtest/gtest.h>
 
 #include "platform/nvram.h"
-#include "platform/host/status/status.h"
 #include "tests/support/testroot.h"
 
 namespace {
@@ -131,36 +129,6 @@ TEST(StatusRefusals, BadStoreOrArgumentsGiveAClearMessageAndNoScreen) {
         EXPECT_EQ(result.exit_status, r.exit_status) << r.message;
         EXPECT_EQ(result.out, "") << r.message;
         EXPECT_EQ(result.err.substr(0, r.message.size()), r.message);
-    }
-}
-
-TEST(StatusTimings, SumTheDaemonsWaitsForDhcpAndPppoe) {
-    // Cable pull: link sample 0..13, LTE client stop 0..2 and the 0.5 s disconnect request,
-    // the Ethernet client's stop (DHCP kill 2, pppd 2), the 0.5 s connect request, then 3..15 s
-    // of looks at the LTE state.
-    // Failback: the tick-90 test 6..96 s after the cable returns; its address wait (DHCP 2..10,
-    // PPPoE 8 + 0..10), 3 s of pings, the test client's stop (DHCP 2, pppd 2 + 2 again in the
-    // switch), LTE client 0..2 and the 0.5 s disconnect request, PPPoE's 8 s hold.
-    // -1: not possible.
-    const struct {
-        const char *proto;
-        bool modem;
-        double pull_best, pull_worst, back_best, back_worst;
-    } table[] = {
-        {"dhcp", true, 6.0, 33.0, 13.5, 113.5},   {"pppoe", true, 6.0, 33.0, 29.5, 131.5},
-        {"dhcp", false, -1, -1, 13.0, 111.0},     {"static", true, 4.0, 31.0, 11.5, 103.5},
-        {"ipoe", true, 4.0, 31.0, -1, -1},
-    };
-    for (const auto &e : table) {
-        SCOPED_TRACE(std::string(e.proto) + (e.modem ? " with modem" : " without modem"));
-        for (auto [estimate, best, worst] :
-             {std::tuple{status::cable_pull_estimate(e.proto, e.modem), e.pull_best, e.pull_worst},
-              std::tuple{status::failback_estimate(e.proto, e.modem), e.back_best, e.back_worst}}) {
-            EXPECT_EQ(estimate.possible, best >= 0);
-            if (estimate.possible) {
-                EXPECT_EQ(std::pair(estimate.best(), estimate.worst()), std::pair(best, worst));
-            }
-        }
     }
 }
 

@@ -1,4 +1,10 @@
-// The interface primitive on the test root's real veth pair, read back through the kernel.
+// The interface primitive on the test root's real veth pair, read back through the kernel; and
+// its callers' addresses there: the Ethernet WAN start's, and the DHCP client's event script
+// putting a lease's address on and taking it off again. Their keys and commands are cases
+// (tests/cases/ether_wan, service_events); a real lease is DhcpLeaseProgram.
+#include "failover/ether_wan.h"
+#include "platform/nvram.h"
+#include "services/dhcp_event.h"
 #include "shared/ifconfig.h"
 #include "tests/support/testroot.h"
 
@@ -83,6 +89,34 @@ TEST(Ifconfig, LongName_IsCutByTheKernelLimit) {
     const std::string long_name = "wan012345678901" + std::string(200, 'x');
     EXPECT_EQ(ifconfig(long_name.c_str(), kWanInterfaceFlags, "10.9.8.7", "255.255.255.0"), 0);
     EXPECT_EQ(address("wan012345678901"), "10.9.8.7");
+}
+
+// A static start, and a PPPoE start with its fixed address beside the session.
+TEST(EtherWan, Start_StaticOrPppoeFixedAddress_PutsItOnTheInterfaceUp) {
+    for (auto [proto, want] : {std::pair{"static", "10.0.0.2"}, {"pppoe", "100.64.0.9"}}) {
+        SCOPED_TRACE(proto);
+        testroot::reset();
+        for (auto [key, value] :
+             {std::pair{"wwan_wan_type", "2"}, {"current_ifname", "rm_usb0"}, {"wan_ifname", "veth0"},
+              {"wan_static_ipaddr", "10.0.0.2"}, {"wan_static_netmask", "255.255.255.0"},
+              {"static_pppoe_enable", "1"}, {"pppoe_user_ip", "100.64.0.9"},
+              {"pppoe_localnetmask", "255.255.255.255"}, {"wan_proto", proto}})
+            veskNvramConfig_set(key, value);
+        Ether_connection_start();
+        EXPECT_EQ(address("veth0"), want);
+        EXPECT_TRUE(flags_of("veth0") & IFF_UP);
+    }
+}
+
+TEST(ServiceEvents, BoundThenDeconfig_PutsTheAddressOnThenTakesItOff) {
+    testroot::reset();
+    veskNvramConfig_set("wan_ifname", "veth0");
+    veskNvramConfig_set("wan_proto", "dhcp");
+    const DhcpLease lease{"veth0", "10.1.0.5", "255.255.255.0", "10.1.0.1", "10.1.0.53"};
+    ASSERT_EQ(dhcp_client_event("bound", lease), 0);
+    EXPECT_EQ(address("veth0"), "10.1.0.5");
+    ASSERT_EQ(dhcp_client_event("deconfig", lease), 0);
+    EXPECT_EQ(address("veth0"), "");
 }
 
 }  // namespace

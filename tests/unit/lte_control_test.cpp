@@ -1,14 +1,15 @@
 // The LTE control channel against the stand-in connection manager on "/tmp/cgi-2-sys": the bytes
-// of each request and what each reply makes of the exchange. Replies of the wrong shape and the
-// missing manager are case files (tests/cases/lte_control).
+// of each request and what each reply, delay or hang-up makes of the exchange. Replies of the
+// wrong shape and the missing manager are case files (tests/cases/lte_control).
 #include "failover/lte_control.h"
 #include "platform/nvram.h"
 #include "tests/support/lte_manager.h"
 #include "tests/support/testroot.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -19,39 +20,50 @@ std::string request(int mode) {
            std::to_string(mode) + "} }";
 }
 
-const std::string kBusy = "{\"set_network_connection_mode\":{\"errno\":3,\"errmsg\":\"busy\"}}";
+using Behaviour = testroot::LteManager::Behaviour;
+using std::chrono::milliseconds;
 
-TEST(LteControl, Exchange_SendsTheExactRequestAndReturnsTheManagersAnswer) {
+const std::string kBusy = "{\"set_network_connection_mode\":{\"errno\":3,\"errmsg\":\"busy\"}}";
+const char *const kTooLong = "f_read_write: reply from /tmp/cgi-2-sys longer than 1023 bytes, dropped\n";
+const char *const kNoReply = "f_read_write: no reply from /tmp/cgi-2-sys within 5 s\n";
+
+// Against each kind of manager the exchange ends: with the manager's errno when its answer comes
+// within 5 s, otherwise with -1 and a line (a regular expression) saying why. A manager that
+// reads gets the exact request.
+TEST(LteControl, Exchange_EndsWithTheManagersAnswerOrAReason) {
+    const std::string ok = testroot::LteManager::kOkReply;
+    // The answer padded with blanks to `size` bytes.
+    const auto padded = [&](size_t size) { return ok + std::string(size - ok.size(), ' '); };
     struct Row {
+        Behaviour behaviour;
+        milliseconds delay;
         std::string reply;
         int mode, result;
+        const char *line;
     } rows[] = {
-        {testroot::LteManager::kOkReply, 1, 0},
-        {testroot::LteManager::kOkReply, 0, 0},
-        {kBusy, 1, 3},                                   // the manager's errno
-        {"", 1, -1},                                     // closed without a reply
-        {std::string(kLteReplySize, 'x'), 1, -1},        // no room for the terminator
-        {std::string(4 * kLteReplySize, 'x'), 0, -1},
+        {Behaviour::answers, {}, ok, 1, 0, "connect ok\n"},
+        {Behaviour::answers, milliseconds(1500), ok, 0, 0, "disconnect ok\n"},
+        {Behaviour::answers, {}, kBusy, 1, 3, "connect_disconnect:3 busy\n"},  // the manager's errno
+        {Behaviour::answers, {}, padded(kLteReplySize - 1), 1, 0, "connect ok\n"},  // the longest
+        {Behaviour::answers, {}, padded(kLteReplySize), 1, -1, kTooLong},  // no room for the terminator
+        {Behaviour::answers, {}, std::string(4 * kLteReplySize, 'x'), 0, -1, kTooLong},
+        {Behaviour::answers, {}, "", 1, -1, "connect_disconnect: reply is not JSON\n"},
+        {Behaviour::answers, milliseconds(7000), ok, 1, -1, kNoReply},
+        {Behaviour::silent, {}, ok, 1, -1, kNoReply},
+        {Behaviour::closes_at_once, {}, ok, 1, -1, "(f_read_write|connect_disconnect): "},
     };
     testroot::reset();
     testroot::LteManager manager;
     for (const Row &row : rows) {
+        manager.set_behaviour(row.behaviour, row.delay);
         manager.set_reply(row.reply);
-        EXPECT_EQ(connect_disconnect(row.mode), row.result) << row.reply.substr(0, 60);
-        EXPECT_EQ(manager.requests().back(), request(row.mode));
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(connect_disconnect(row.mode), row.result) << row.line;
+        EXPECT_THAT(testing::internal::GetCapturedStdout(), testing::ContainsRegex(row.line));
+        if (row.behaviour != Behaviour::closes_at_once) {
+            EXPECT_EQ(manager.requests().back(), request(row.mode)) << row.line;
+        }
     }
-}
-
-TEST(LteControl, LongestReply_FitsAndNothingIsWrittenPastTheBuffer) {
-    testroot::reset();
-    testroot::LteManager manager(std::string(kLteReplySize, 'x'));
-    char reply[kLteReplySize + 16];
-    std::memset(reply, 'G', sizeof reply);
-    EXPECT_EQ(f_read_write(request(1).c_str(), reply, kLteReplySize), -1);
-    EXPECT_EQ(std::string(reply + kLteReplySize, 16), std::string(16, 'G'));
-    manager.set_reply(std::string(kLteReplySize - 1, 'y'));
-    EXPECT_EQ(f_read_write(request(1).c_str(), reply, kLteReplySize), 0);
-    EXPECT_EQ(std::strlen(reply), kLteReplySize - 1);
 }
 
 // A connect waits in 3 s steps for the manager to report Connected, and stops once it has (the

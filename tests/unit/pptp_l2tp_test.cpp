@@ -22,7 +22,6 @@ using testing::ElementsAre;
 namespace {
 
 void set(const char *key, const char *value) { veskNvramConfig_set(key, value); }
-std::string file(const char *path) { return testroot::read_file(path); }
 
 // Runs `run` in a child with standard output and error in `log`.
 template <class F> pid_t in_child(const char *log, F run) {
@@ -77,7 +76,7 @@ TEST_F(PppSession, TunnelDhcp_WaitsForTheLeaseThenLaunchesPppd) {
                     ElementsAre(ElementsAre("/usr/sbin/udhcpc", "-i", client_ifname, "-p", "/var/run/udhcpc0.pid",
                                             "-s", "/tmp/udhcpc")));
         EXPECT_EQ(testroot::calls_of("pppd").size(), 1u);
-        EXPECT_EQ(file(parameters).rfind("veth0\n", 0), 0u);
+        EXPECT_EQ(testroot::read_file(parameters).rfind("veth0\n", 0), 0u);
     }
 }
 
@@ -91,8 +90,8 @@ TEST_F(PppSession, L2tpConfiguration_AcceptedByXl2tpd) {
         _exit(127);
     });
     EXPECT_TRUE(testroot::wait_for([] {
-        return file("/tmp/xl2tpd.log").find("Listening on IP address") != std::string::npos;
-    })) << file("/tmp/xl2tpd.log");
+        return testroot::read_file("/tmp/xl2tpd.log").find("Listening on IP address") != std::string::npos;
+    })) << testroot::read_file("/tmp/xl2tpd.log");
     kill(pid, SIGTERM);
     waitpid(pid, nullptr, 0);
 }
@@ -110,7 +109,7 @@ TEST_F(PppSession, PppoeOnFullTmp_KeepsTheOldOptionsAndStartsNoPppd) {
     testing::internal::CaptureStderr();
     start_pppoe_session("eth0", 0);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "/tmp/ppp/options: No space left on device\n");
-    EXPECT_EQ(file("/tmp/ppp/options"), "old options\n");
+    EXPECT_EQ(testroot::read_file("/tmp/ppp/options"), "old options\n");
     EXPECT_TRUE(testroot::calls_of("pppd").empty());
     int entries = 0;
     for (const auto &entry : std::filesystem::directory_iterator("/tmp/ppp")) entries += entry.is_regular_file();

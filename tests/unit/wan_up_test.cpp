@@ -27,18 +27,16 @@ TEST(WanUp, SignalsTheDynamicDnsClientByItsPidFile) {
     EXPECT_EQ(ddns_signals, 1);
 }
 
-// PPP WANs run the script at every start, others only at the first; a script still missing
-// after eleven seconds uses up that first start.
+// PPP WANs run the script at every start, others only at the first, which a start that found no
+// script uses up too. (QoS off and the look for the script are the case wan_up/tc_qos.)
 TEST(WanUp, TcQos_PppEveryTime_OthersOnlyTheFirstTime) {
     testroot::reset();
     const std::string run_script =
         "{\"fn\":\"_eval_daemon\",\"args\":[[\"/bin/sh\",\"/tmp/tc_cmd\"],\">/dev/console\",0,null,0]}";
-    EXPECT_EQ(start_tc_qos(), 0);  // QoS off
     veskNvramConfig_set("qos_bw_enable", "1");
     veskNvramConfig_set("qos_enable", "1");
     veskNvramConfig_set("wan_proto", "static");
-    EXPECT_EQ(start_tc_qos(), 0);
-    EXPECT_EQ(testroot::sleeps_us(), std::vector<unsigned long>(11, 1000000));
+    start_tc_qos();
     testroot::write_file("/tmp/tc_cmd", "true\n");
     start_tc_qos();
     EXPECT_TRUE(testroot::trace().empty());
