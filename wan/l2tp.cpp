@@ -73,28 +73,19 @@ bool write_l2tpd_conf(const Settings &s) {
 }
 
 bool write_options(const Settings &s, int mtu) {
-    return ppp::write_options(kRoutine, {.path = "/tmp/ppp/options",
-                                         .default_route = true,
-                                         .pty = "l2tpd -D -c /tmp/l2tp/l2tpd.conf",
+    return ppp::write_options(kRoutine, {.pty = "l2tpd -D -c /tmp/l2tp/l2tpd.conf",
                                          .user = s.user.data(),
                                          .mtu = mtu,
                                          .mru = mtu,
                                          .dod_key = "l2tp_dod",
-                                         .lcp_echo_interval = 10,
                                          .disconnect = "killall l2tpd",
-                                         .disconnect_before_maxfail = false,
                                          .connect_echo = true,
                                          .restarts = true,
                                          .local_ip_key = "l2tp_localip",
                                          .ip_sel_key = "l2tp_ip_sel",
-                                         .ipv6 = false,
-                                         .ktune = true,
-                                         .unit = -1,
                                          .linkname = true,
-                                         .auth_limits = false,
                                          .idle_key = "l2tp_idle_time",
-                                         .idle_in_minutes = true,
-                                         .persist_fallback = true});
+                                         .idle_in_minutes = true});
 }
 
 // The connection's name alone, without a newline.

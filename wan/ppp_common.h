@@ -85,29 +85,30 @@ void make_pty_node(const PtyNode &node);
 
 // What one pppd options file is made of: the lines common to every session are the writer's,
 // these are the ones that differ between the sessions.
+// Members with a value hold what most sessions use; a profile names only where it differs.
 struct OptionsProfile {
-    const char *path;                // "/tmp/ppp/options", or session 2's file
-    bool default_route;              // "defaultroute"
-    std::string pty;                 // the helper's command line, between single quotes
-    std::string user;                // as the "user" line carries it (quoted or raw)
-    int mtu;
-    int mru;
-    const char *dod_key;             // "0": "persist" after "holdoff"; "1": the idle lines
-    int lcp_echo_interval;
-    const char *disconnect;          // the disconnect command, between single quotes
-    bool disconnect_before_maxfail;  // else after "maxfail" (and "connect echo")
-    bool connect_echo;               // "connect echo" after "maxfail"
-    bool restarts;                   // "lcp-restart 5", "ipcp-restart 5"
-    const char *local_ip_key;        // the requested local address ("%s:")
-    const char *ip_sel_key;          // "0" takes the peer's offer; null: no selector
-    bool ipv6;                       // "+ipv6", "ipv6 , "
-    bool ktune;
-    int unit;                        // "unit N"; below 0: none
-    bool linkname;                   // "linkname 0"
-    bool auth_limits;                // "pap-max-authreq 3", "chap-max-challenge 3"
-    const char *idle_key;            // idle time-out of demand mode
-    bool idle_in_minutes;            // else stored as pppd's seconds
-    bool persist_fallback;           // demand mode without idle time: "persist"
+    const char *path = "/tmp/ppp/options";  // or session 2's file
+    bool default_route = true;               // "defaultroute"
+    std::string pty;                         // the helper's command line, between single quotes
+    std::string user;                        // as the "user" line carries it (quoted or raw)
+    int mtu = 0;
+    int mru = 0;
+    const char *dod_key = nullptr;           // "0": "persist" after "holdoff"; "1": the idle lines
+    int lcp_echo_interval = 10;
+    const char *disconnect = nullptr;        // the disconnect command, between single quotes
+    bool disconnect_before_maxfail = false;  // else after "maxfail" (and "connect echo")
+    bool connect_echo = false;               // "connect echo" after "maxfail"
+    bool restarts = false;                   // "lcp-restart 5", "ipcp-restart 5"
+    const char *local_ip_key = nullptr;      // the requested local address ("%s:")
+    const char *ip_sel_key = nullptr;        // "0" takes the peer's offer; null: no selector
+    bool ipv6 = false;                       // "+ipv6", "ipv6 , "
+    bool ktune = true;
+    int unit = -1;                           // "unit N"; below 0: none
+    bool linkname = false;                   // "linkname 0"
+    bool auth_limits = false;                // "pap-max-authreq 3", "chap-max-challenge 3"
+    const char *idle_key = nullptr;          // idle time-out of demand mode
+    bool idle_in_minutes = false;            // else stored as pppd's seconds
+    bool persist_fallback = true;            // demand mode without idle time: "persist"
 };
 
 // Writes the options file of `profile`, mode 0666. A requested local address that is not an

@@ -102,28 +102,19 @@ std::string pty_command(const char *helper, const Session &s, const char *tail) 
 
 bool write_session1_options(const Session &s, int mtu, bool single_session, bool japan) {
     return ppp::write_options(
-        kRoutine, {.path = "/tmp/ppp/options",
-                   .default_route = true,
-                   .pty = pty_command("pppoecd", s, ""),
+        kRoutine, {.pty = pty_command("pppoecd", s, ""),
                    .user = s.user.data(),
                    .mtu = mtu,
                    .mru = mtu,
                    .dod_key = "pppoe_dod",
-                   .lcp_echo_interval = 10,
                    .disconnect = japan ? "killall pppoecd 2> /dev/null" : "killall pppoecd",
-                   .disconnect_before_maxfail = false,
-                   .connect_echo = false,
-                   .restarts = false,
                    .local_ip_key = "pppoe_localip",
                    .ip_sel_key = "pppoe_ip_sel",
                    .ipv6 = single_session,
                    .ktune = ktune_wanted(),
                    .unit = japan ? 0 : -1,
-                   .linkname = false,
                    .auth_limits = true,
-                   .idle_key = "pppoe_idletime",
-                   .idle_in_minutes = false,
-                   .persist_fallback = true});
+                   .idle_key = "pppoe_idletime"});
 }
 
 // Session 2 never takes the default route and keeps its own pppoecd and unit.
@@ -137,18 +128,9 @@ bool write_session2_options(const Session &s, int mtu) {
                                          .dod_key = "pppoe2_dod",
                                          .lcp_echo_interval = 20,
                                          .disconnect = "killall pppoecd2 2> /dev/null",
-                                         .disconnect_before_maxfail = false,
-                                         .connect_echo = false,
-                                         .restarts = false,
                                          .local_ip_key = "pppoe2_localip",
-                                         .ip_sel_key = nullptr,
-                                         .ipv6 = false,
-                                         .ktune = true,
                                          .unit = 1,
-                                         .linkname = false,
-                                         .auth_limits = false,
                                          .idle_key = "pppoe2_idletime",
-                                         .idle_in_minutes = false,
                                          .persist_fallback = false});
 }
 

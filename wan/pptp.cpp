@@ -56,28 +56,18 @@ bool write_parameters(const Settings &s) {
 
 bool write_options(const Settings &s, const char *user, int mtu) {
     return ppp::write_options(
-        kRoutine, {.path = "/tmp/ppp/options",
-                   .default_route = true,
-                   .pty = std::string("pptp ") + s.server.data() + " --nolaunchpppd",
+        kRoutine, {.pty = std::string("pptp ") + s.server.data() + " --nolaunchpppd",
                    .user = user,
                    .mtu = mtu,
                    .mru = kMtuCap,  // the MRU stays at the cap whatever the MTU
                    .dod_key = "pptp_dod",
-                   .lcp_echo_interval = 10,
                    .disconnect = "killall pptp",
                    .disconnect_before_maxfail = true,
                    .connect_echo = true,
-                   .restarts = false,
                    .local_ip_key = "pptp_localip",
                    .ip_sel_key = "pptp_ip_sel",
-                   .ipv6 = false,
-                   .ktune = true,
-                   .unit = -1,
-                   .linkname = false,
-                   .auth_limits = false,
                    .idle_key = "pptp_idletime",
-                   .idle_in_minutes = true,
-                   .persist_fallback = true});
+                   .idle_in_minutes = true});
 }
 
 }  // namespace
