@@ -156,11 +156,13 @@ GCancellable *new_op() {
     return g.op;
 }
 
-// True (and the reference dropped) when the call this callback belongs to was abandoned.
-bool abandoned(gpointer op) {
+// True (and the reference dropped, and `error` freed) when the call this callback belongs to
+// was abandoned.
+bool abandoned(gpointer op, GError *error = nullptr) {
     auto *cancellable = static_cast<GCancellable *>(op);
     const bool gone = g_cancellable_is_cancelled(cancellable);
     g_object_unref(cancellable);
+    if (gone && error) g_error_free(error);  // nobody is left to report it to
     return gone;
 }
 
@@ -354,10 +356,7 @@ void simple_connect() {
 void on_enabled(GObject *source, GAsyncResult *result, gpointer op) {
     GError *error = nullptr;
     const bool ok = mm_modem_enable_finish(MM_MODEM(source), result, &error);
-    if (abandoned(op)) {
-        if (error) g_error_free(error);
-        return;
-    }
+    if (abandoned(op, error)) return;
     if (!ok) {
         connect_refused(error);
         return;
@@ -406,10 +405,7 @@ void begin_connect() {
 void on_disconnected(GObject *source, GAsyncResult *result, gpointer op) {
     GError *error = nullptr;
     const bool ok = mm_modem_simple_disconnect_finish(MM_MODEM_SIMPLE(source), result, &error);
-    if (abandoned(op)) {
-        if (error) g_error_free(error);
-        return;
-    }
+    if (abandoned(op, error)) return;
     g.phase = Phase::idle;
     g_clear_object(&g.op);
     if (ok) {
